@@ -1,0 +1,5 @@
+#include <NetBase/buffers/kyConnectionClosed.h>
+
+kyConnectionClosed::kyConnectionClosed() : kyNetError("Connection closed") {}
+
+kyConnectionClosed::~kyConnectionClosed() = default;

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+/// The operating system's last error of the calling thread, as the code that its calls leave
+/// behind; the calls of sockets report through the same code.
+///
+/// A call that succeeds need not touch it: clear it before a call whose outcome is judged by it.
+namespace kyLastError {
+
+/// The code, 0 if there is none.
+int get();
+
+/// Makes the code what is given, for one that comes by another way (a socket's own error).
+void set(int code);
+
+/// Makes the code 0.
+void clear();
+
+/// The system's text for a code, in English; "" if it has none. May change the last error.
+std::string getText(int code);
+
+} // namespace kyLastError
