@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+namespace render {
+
+struct PictureSize
+{
+    std::uint32_t width;
+    std::uint32_t height;
+};
+
+/// Reads "WxH". Throws kyNetError if it is none, or too large.
+PictureSize parseSize(const std::string& text);
+
+/// What the user asks for:
+///
+///     TALORender SCENE -o OUT.png [--node HOST[:PORT]]... [--servers N] [--size WxH]
+///                [--samples N] [--booking ID]
+struct RenderArguments
+{
+    /// Describes the arguments to the parser, which then fills this object in.
+    void describe(CLI::App& program);
+
+    std::string scene;
+    std::string output;
+    std::vector<std::string> nodes{"127.0.0.1"};
+    /// 0: one on each node.
+    int servers = 0;
+    PictureSize size{960, 720};
+    std::uint32_t samples = 64;
+    std::string bookingId;
+};
+
+} // namespace render

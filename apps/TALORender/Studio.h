@@ -1,0 +1,21 @@
+#pragma once
+
+#include <apps/common/Scene.h>
+
+namespace render {
+
+/// A model in a photographer's studio: backdrop, lights and a camera that frames it.
+struct Studio
+{
+    Scene scene;
+    Camera camera;
+};
+
+/// Puts a mesh on the stage of a studio and sets the camera up in front of it.
+///
+/// The model is scaled to a length of two and stands on a floor that curves up into a wall behind
+/// it. The camera looks at it from the front, a little to the side and from above, as close as the
+/// picture's shape (width over height) allows.
+Studio buildStudio(Mesh model, float aspect);
+
+} // namespace render

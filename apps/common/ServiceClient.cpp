@@ -1,0 +1,141 @@
+#include <apps/common/ServiceClient.h>
+
+#include <chrono>
+#include <utility>
+
+#include <NetBase/buffers/kyNetError.h>
+#include <NetBase/buffers/kyNetOptions.h>
+#include <NetBase/links/kySocketAddress.h>
+#include <NetBase/serialization/kyNetStream.h>
+#include <NetBase/service/kyNetServiceCommand.h>
+#include <VersionInfo/kyVersionInfo.h>
+
+namespace {
+
+void relayTo(const NodeAddress& node, const std::shared_ptr<kySocketLink>& link)
+{
+    kyNetStream stream(link);
+    stream << kyNetServiceCommand::ConnectService << node.host
+           << static_cast<std::uint32_t>(node.port);
+    stream.flush();
+    bool isConnected = false;
+    stream >> isConnected;
+    if (!isConnected) {
+        throw kyNetError("the relay cannot reach the node");
+    }
+}
+
+} // namespace
+
+ServiceClient::ServiceClient(NodeAddress node, std::optional<NodeAddress> relay)
+    : m_node(std::move(node)), m_relay(std::move(relay))
+{
+}
+
+ServiceClient::StartedServer ServiceClient::startServer(const ServerSettings& settings) const
+{
+    StartedServer server;
+    server.link = perform(s_serverTimeout, [&](kyNetStream& stream) {
+        const std::string unused;
+        stream << kyNetServiceCommand::StartServer << settings.arguments
+               << kyVersionInfo::the().getVersionString() << unused << settings.hasDisplay
+               << settings.flagZ << settings.flagT << settings.flagTA << settings.bookingId
+               << settings.isStereo;
+        stream.flush();
+        stream.recvResult();
+        stream >> server.id >> server.freeMemory >> server.serverCount;
+    });
+    return server;
+}
+
+std::shared_ptr<kySocketLink> ServiceClient::connectServer(std::uint32_t serverId) const
+{
+    return perform(s_serverTimeout, [&](kyNetStream& stream) {
+        stream << kyNetServiceCommand::ConnectServer << serverId;
+        stream.flush();
+        stream.recvResult();
+    });
+}
+
+void ServiceClient::stopServer(std::uint32_t serverId) const
+{
+    perform(s_answerTimeout, [&](kyNetStream& stream) {
+        stream << kyNetServiceCommand::StopServer << serverId;
+        stream.flush();
+        stream.recvResult();
+    });
+}
+
+void ServiceClient::stopByBooking(const std::string& bookingId) const
+{
+    if (bookingId.empty()) {
+        throw kyNetError(describe() + ": a booking id must not be empty");
+    }
+    perform(s_answerTimeout, [&](kyNetStream& stream) {
+        stream << kyNetServiceCommand::StopServersByBookingId << bookingId;
+        stream.flush();
+        stream.recvResult();
+    });
+}
+
+void ServiceClient::stopService() const
+{
+    perform(s_answerTimeout, [](kyNetStream& stream) {
+        stream << kyNetServiceCommand::StopService;
+        stream.flush();
+        stream.recvResult();
+    });
+}
+
+kyNetServiceStatus ServiceClient::status() const
+{
+    kyNetServiceStatus status;
+    perform(s_answerTimeout, [&](kyNetStream& stream) {
+        stream << kyNetServiceCommand::GetStatus;
+        stream.flush();
+        stream.recvResult();
+        stream >> status;
+    });
+    return status;
+}
+
+double ServiceClient::ping() const
+{
+    const auto begin = std::chrono::steady_clock::now();
+    perform(s_answerTimeout, [](kyNetStream&) {});
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+std::shared_ptr<kySocketLink> ServiceClient::perform(double timeout,
+                                                     const Conversation& conversation) const
+{
+    try {
+        std::shared_ptr<kySocketLink> link = connect();
+        link->setRecvTimeout(timeout);
+        kyNetStream stream(link);
+        conversation(stream);
+        link->setRecvTimeout(0.0);
+        return link;
+    } catch (const std::exception& e) {
+        throw kyNetError(describe() + ": " + e.what());
+    }
+}
+
+std::shared_ptr<kySocketLink> ServiceClient::connect() const
+{
+    const NodeAddress& first = m_relay ? *m_relay : m_node;
+    auto link =
+        std::make_shared<kySocketLink>(kySocketAddress(first.host, std::to_string(first.port)),
+                                       kyNetOptions::getConnectionTimeout());
+    link->signalHPCNetSocket();
+    if (m_relay) {
+        link->setRecvTimeout(s_serverTimeout);
+        relayTo(m_node, link);
+    }
+    return link;
+}
+
+std::string ServiceClient::describe() const
+{
+    return m_node.toString() + (m_relay ? " through " + m_relay->toString() : "");
+}
