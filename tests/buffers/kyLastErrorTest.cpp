@@ -1,0 +1,37 @@
+#include <NetBase/platform/kyLastError.h>
+
+#include <cerrno>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+TEST(kyLastError, isWhatACallLeftBehind)
+{
+    kyLastError::set(EACCES);
+    EXPECT_EQ(kyLastError::get(), EACCES);
+    kyLastError::clear();
+    EXPECT_EQ(kyLastError::get(), 0);
+}
+
+TEST(kyLastError, codesHaveTextsOfTheirOwn)
+{
+    const std::string expected = std::system_category().message(EACCES);
+    EXPECT_EQ(kyLastError::getText(EACCES).substr(0, expected.size()), expected);
+    EXPECT_NE(kyLastError::getText(EACCES), kyLastError::getText(ENOENT));
+    EXPECT_EQ(kyLastError::getText(99999), "");
+}
+
+TEST(kyLastError, belongsToItsThread)
+{
+    kyLastError::set(EPIPE);
+    std::thread([] {
+        kyLastError::set(EBADF);
+        kyLastError::clear();
+        EXPECT_EQ(kyLastError::get(), 0);
+    }).join();
+    EXPECT_EQ(kyLastError::get(), EPIPE);
+    kyLastError::clear();
+    EXPECT_EQ(kyLastError::get(), 0);
+}

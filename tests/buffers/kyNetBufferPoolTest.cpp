@@ -1,0 +1,299 @@
+#include <NetBase/buffers/kyNetBufferPool.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <set>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Buffer = std::shared_ptr<kyNetBuffer>;
+using Buffers = std::vector<Buffer>;
+
+std::set<kyNetBuffer*> addressesOf(const Buffers& buffers)
+{
+    std::set<kyNetBuffer*> addresses;
+    for (const Buffer& buffer : buffers) {
+        addresses.insert(buffer.get());
+    }
+    return addresses;
+}
+
+} // namespace
+
+TEST(kyNetBufferPool, firstBufferIsMadeAndThenReused)
+{
+    kyNetBufferPool pool;
+    Buffer buffer = pool.get();
+    ASSERT_NE(buffer, nullptr);
+    kyNetBuffer* const first = buffer.get();
+    for (int i = 0; i < 10; ++i) {
+        buffer.reset();
+        buffer = pool.get();
+        EXPECT_EQ(buffer.get(), first);
+    }
+}
+
+TEST(kyNetBufferPool, newBufferHasNoSendMode)
+{
+    kyNetBufferPool pool;
+    EXPECT_EQ(pool.get()->getSendMode(), kyNetBufferSendMode::Automatic);
+}
+
+TEST(kyNetBufferPool, comesBackWithTheLastOfItsCopies)
+{
+    kyNetBufferPool pool;
+    Buffer buffer = pool.get();
+    kyNetBuffer* const first = buffer.get();
+    Buffer copy = buffer;
+    buffer.reset();
+    EXPECT_NE(pool.get().get(), first);
+    copy.reset();
+    const Buffer second = pool.get();
+    const Buffer third = pool.get();
+    EXPECT_TRUE(second.get() == first || third.get() == first);
+}
+
+TEST(kyNetBufferPool, holdingManyMakesAsManyAndNoMore)
+{
+    kyNetBufferPool pool;
+    Buffers held;
+    pool.getMany(50, held);
+    const std::set<kyNetBuffer*> made = addressesOf(held);
+    EXPECT_EQ(made.size(), 50U);
+
+    held.clear();
+    pool.getMany(50, held);
+    EXPECT_EQ(addressesOf(held), made);
+    EXPECT_EQ(made.count(pool.get().get()), 0U);
+}
+
+TEST(kyNetBufferPool, returnedBuffersAreReusedInTheOrderTheyCameBack)
+{
+    kyNetBufferPool pool;
+    Buffers held;
+    pool.getMany(3, held);
+    const std::vector<kyNetBuffer*> order = {held[1].get(), held[0].get(), held[2].get()};
+    for (const int i : {1, 0, 2}) {
+        held[static_cast<std::size_t>(i)].reset();
+    }
+    held.clear();
+    for (kyNetBuffer* expected : order) {
+        held.push_back(pool.get());
+        EXPECT_EQ(held.back().get(), expected);
+    }
+}
+
+TEST(kyNetBufferPool, getManyOfNoneChangesNothing)
+{
+    kyNetBufferPool pool;
+    Buffers out = {nullptr};
+    for (const int n : {0, -1, -2147483647 - 1}) {
+        pool.getMany(n, out);
+        kyNetBufferPool::popMany(n, out);
+        EXPECT_EQ(out, Buffers{nullptr});
+    }
+}
+
+TEST(kyNetBufferPool, getManyAppends)
+{
+    kyNetBufferPool pool;
+    Buffers out = {nullptr};
+    pool.getMany(2, out);
+    ASSERT_EQ(out.size(), 3U);
+    EXPECT_EQ(out[0], nullptr);
+    EXPECT_NE(out[1], nullptr);
+    EXPECT_NE(out[2], nullptr);
+    EXPECT_NE(out[1], out[2]);
+}
+
+// Intended: whoever takes a buffer sets what it relies on.
+TEST(kyNetBufferPool, bufferComesAsItWasReturned)
+{
+    kyNetBufferPool pool;
+    Buffer buffer = pool.get();
+    *buffer->getBuffer() = kyNetHeader{1, 2, 3, 4, 5, 6, 7};
+    buffer->getData()[0] = 'k';
+    buffer->setSendMode(kyNetBufferSendMode::Second);
+    buffer->setFlag(true);
+    buffer.reset();
+
+    buffer = pool.get();
+    const kyNetHeader expected = {1, 2, 3, 4, 5, 6, 7};
+    EXPECT_EQ(std::memcmp(buffer->getBuffer(), &expected, sizeof expected), 0);
+    EXPECT_EQ(buffer->getData()[0], 'k');
+    EXPECT_EQ(buffer->getSendMode(), kyNetBufferSendMode::Second);
+    EXPECT_TRUE(buffer->getFlag());
+}
+
+TEST(kyNetBufferPool, poolOfTheProcessServesAll)
+{
+    Buffers held;
+    held.push_back(kyNetBufferPool::pop());
+    kyNetBufferPool::popMany(4, held);
+    const std::set<kyNetBuffer*> made = addressesOf(held);
+    EXPECT_EQ(made.size(), 5U);
+    EXPECT_EQ(made.count(nullptr), 0U);
+
+    // The pool is one: what one member took, the other gives again.
+    held.clear();
+    std::set<kyNetBuffer*> again;
+    while (again.size() < made.size()) {
+        held.push_back(kyNetBufferPool::pop());
+        ASSERT_TRUE(again.insert(held.back().get()).second);
+    }
+    EXPECT_EQ(again, made);
+}
+
+TEST(kyNetBufferPool, buffersOutliveTheirPool)
+{
+    auto pool = std::make_unique<kyNetBufferPool>();
+    Buffers held;
+    pool->getMany(3, held);
+    held.pop_back();
+    pool.reset();
+    std::memset(held[0]->getData(), 1, kyNetBuffer::getCapacity());
+    held[0].reset();
+    EXPECT_EQ(held[1].use_count(), 1);
+}
+
+TEST(kyNetBufferPool, copiesShareTheirBuffers)
+{
+    kyNetBufferPool pool;
+    kyNetBuffer* const first = pool.get().get();
+
+    kyNetBufferPool copy(pool);
+    const Buffer taken = copy.get();
+    EXPECT_EQ(taken.get(), first);
+    EXPECT_NE(pool.get().get(), first);
+
+    kyNetBufferPool assigned;
+    assigned.get();
+    assigned = pool;
+    EXPECT_NE(assigned.get().get(), first);
+}
+
+TEST(kyNetBufferPool, anyThreadMayReturnABuffer)
+{
+    kyNetBufferPool pool;
+    Buffer buffer = pool.get();
+    kyNetBuffer* const first = buffer.get();
+    std::thread([moved = std::move(buffer)]() mutable { moved.reset(); }).join();
+    EXPECT_EQ(pool.get().get(), first);
+}
+
+TEST(kyNetBufferPool, noTwoThreadsEverHoldTheSameBuffer)
+{
+    constexpr unsigned threads = 6;
+    constexpr unsigned most = 8;
+    kyNetBufferPool pool;
+    std::atomic<int> clashes{0};
+    std::mutex mutex;
+    std::set<kyNetBuffer*> seen;
+
+    std::vector<std::thread> workers;
+    for (unsigned t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            std::mt19937 random(t);
+            std::set<kyNetBuffer*> mine;
+            for (int round = 0; round < 3000; ++round) {
+                Buffers held;
+                pool.getMany(static_cast<int>(1 + random() % most), held);
+                for (const Buffer& buffer : held) {
+                    buffer->setSource(t);
+                    mine.insert(buffer.get());
+                }
+                if (round % 16 == 0) {
+                    std::this_thread::yield();
+                }
+                for (const Buffer& buffer : held) {
+                    clashes += buffer->getSource() == t ? 0 : 1;
+                }
+                std::shuffle(held.begin(), held.end(), random);
+            }
+            const std::lock_guard<std::mutex> lock(mutex);
+            seen.insert(mine.begin(), mine.end());
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    EXPECT_EQ(clashes, 0);
+    // Contention may make a few more than are ever held, but the pool does not grow for ever.
+    EXPECT_LE(seen.size(), 4 * threads * most);
+}
+
+TEST(kyNetBufferPool, buffersTravelBetweenThreads)
+{
+    kyNetBufferPool pool;
+    std::mutex mutex;
+    std::vector<Buffer> onTheWay;
+    std::atomic<int> received{0};
+    constexpr int messages = 5000;
+
+    std::thread producer([&] {
+        for (int i = 0; i < messages; ++i) {
+            Buffer buffer = pool.get();
+            buffer->setSequence(i);
+            buffer->getData()[0] = static_cast<char>(i);
+            const std::lock_guard<std::mutex> lock(mutex);
+            onTheWay.push_back(std::move(buffer));
+        }
+    });
+    std::thread consumer([&] {
+        while (received < messages) {
+            std::vector<Buffer> arrived;
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                arrived.swap(onTheWay);
+            }
+            for (const Buffer& buffer : arrived) {
+                EXPECT_EQ(buffer->getData()[0], static_cast<char>(buffer->getSequence()));
+                ++received;
+            }
+        }
+    });
+    producer.join();
+    consumer.join();
+    EXPECT_EQ(received, messages);
+}
+
+namespace {
+
+/// Ends the process while a detached thread takes and returns buffers, and with some that only
+/// a destructor at exit returns.
+[[noreturn]] void exitWithBuffersOnTheWay()
+{
+    static Buffers s_held;
+    kyNetBufferPool::popMany(5, s_held);
+    std::atomic<bool> isRunning{false};
+    std::thread([&isRunning] {
+        for (;;) {
+            Buffers held;
+            kyNetBufferPool::popMany(3, held);
+            isRunning = true;
+        }
+    }).detach();
+    while (!isRunning) {
+        std::this_thread::yield();
+    }
+    std::exit(7);
+}
+
+} // namespace
+
+TEST(kyNetBufferPoolDeathTest, processEndsWhileBuffersAreReturned)
+{
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(exitWithBuffersOnTheWay(), testing::ExitedWithCode(7), "^$");
+}

@@ -1,0 +1,176 @@
+#include <NetBase/senders/kyNetSender.h>
+
+#include <memory>
+#include <set>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <NetBase/senders/kyNetLinkSender.h>
+#include <tests/support/kyTestChains.h>
+
+using kyTest::KeepingLink;
+using kyTest::KeepingSender;
+
+namespace {
+
+using Ranks = std::set<unsigned int>;
+using Senders = std::vector<std::shared_ptr<kyNetSender>>;
+
+/// A sender with nothing of its own.
+class Plain : public kyNetSender
+{
+public:
+    using kyNetSender::kyNetSender;
+    void send(const kyTest::Buffer&) override {}
+};
+
+std::shared_ptr<KeepingSender> makeChild(const Ranks& ranks = {})
+{
+    return std::make_shared<KeepingSender>(ranks);
+}
+
+} // namespace
+
+TEST(kyNetSender, defaultHasNothing)
+{
+    Plain sender;
+    EXPECT_TRUE(sender.getChildren().empty());
+    EXPECT_TRUE(sender.getDestinations().empty());
+    EXPECT_TRUE(sender.getLinks().empty());
+    EXPECT_EQ(sender.getNodeAffinity(), -1);
+    EXPECT_EQ(sender.getCompressedBytes(), 0u);
+    sender.resetStatistics();
+    sender.waitAllDataTransfered();
+    sender.shutdown();
+}
+
+TEST(kyNetSender, leafHasTheDestinationsItIsGiven)
+{
+    Plain sender(Ranks{2, 5});
+    EXPECT_EQ(sender.getDestinations(), (Ranks{2, 5}));
+    EXPECT_TRUE(sender.hasDestination(2));
+    EXPECT_FALSE(sender.hasDestination(3));
+}
+
+TEST(kyNetSender, parentHasTheUnionOfItsChildren)
+{
+    const auto first = makeChild({2, 3});
+    const auto second = makeChild({3, 4});
+
+    Plain overMany(Senders{first, second});
+    EXPECT_EQ(overMany.getDestinations(), (Ranks{2, 3, 4}));
+    EXPECT_EQ(overMany.getChildren(), (Senders{first, second}));
+
+    Plain overTwo(second, first);
+    EXPECT_EQ(overTwo.getDestinations(), (Ranks{2, 3, 4}));
+    EXPECT_EQ(overTwo.getChildren(), (Senders{second, first}));
+
+    Plain overOne(std::static_pointer_cast<kyNetSender>(first));
+    EXPECT_EQ(overOne.getDestinations(), (Ranks{2, 3}));
+    EXPECT_EQ(overOne.getChildren(), (Senders{first}));
+}
+
+TEST(kyNetSender, destinationsAreTakenWhenItIsMade)
+{
+    const auto child = makeChild({2, 3});
+    Plain parent(Senders{child});
+    child->removeDestination(2);
+    EXPECT_EQ(parent.getDestinations(), (Ranks{2, 3}));
+    parent.removeDestination(3);
+    EXPECT_EQ(parent.getDestinations(), (Ranks{2}));
+    EXPECT_EQ(child->getDestinations(), (Ranks{3}));
+    parent.removeDestination(99);
+    EXPECT_EQ(parent.getDestinations(), (Ranks{2}));
+}
+
+TEST(kyNetSender, affinityIsThatOfTheFirstChildThatHasOne)
+{
+    const auto first = makeChild();
+    const auto second = makeChild();
+    const auto third = makeChild();
+    second->affinity = 4;
+    third->affinity = 5;
+    Plain parent(Senders{first, second, third});
+    EXPECT_EQ(parent.getNodeAffinity(), 4);
+    EXPECT_EQ(first->affinityAsked, 1);
+    EXPECT_EQ(second->affinityAsked, 2);
+    EXPECT_EQ(third->affinityAsked, 0);
+
+    first->affinity = 0;
+    EXPECT_EQ(parent.getNodeAffinity(), 0);
+    first->affinity = second->affinity = third->affinity = -1;
+    EXPECT_EQ(parent.getNodeAffinity(), -1);
+}
+
+TEST(kyNetSender, compressedBytesAreTheSum)
+{
+    const auto first = makeChild();
+    const auto second = makeChild();
+    first->compressedBytes = 5000000000;
+    second->compressedBytes = 7;
+    EXPECT_EQ(Plain(Senders{first, second}).getCompressedBytes(), 5000000007u);
+}
+
+TEST(kyNetSender, resetAndWaitReachEveryChild)
+{
+    const auto first = makeChild();
+    const auto second = makeChild();
+    Plain parent(Senders{first, second});
+    parent.resetStatistics();
+    parent.waitAllDataTransfered();
+    EXPECT_EQ(first->resets, 1);
+    EXPECT_EQ(second->resets, 1);
+    EXPECT_EQ(first->waits, 1);
+    EXPECT_EQ(second->waits, 1);
+}
+
+TEST(kyNetSender, linksComeInTheOrderOfTheChildren)
+{
+    std::vector<std::shared_ptr<kyNetLink>> links;
+    Senders leaves;
+    for (int i = 0; i < 3; ++i) {
+        links.push_back(std::make_shared<KeepingLink>());
+        leaves.push_back(kyNetLinkSender::create(links.back()));
+    }
+    const auto pair = std::make_shared<Plain>(leaves[1], leaves[2]);
+    Plain parent(leaves[0], pair);
+    EXPECT_EQ(parent.getLinks(), links);
+}
+
+TEST(kyNetSender, shutdownReachesEveryLink)
+{
+    const auto first = std::make_shared<KeepingLink>();
+    const auto second = std::make_shared<KeepingLink>();
+    Plain parent(kyNetLinkSender::create(first), kyNetLinkSender::create(second));
+    parent.shutdown();
+    EXPECT_TRUE(first->isShutDown);
+    EXPECT_TRUE(second->isShutDown);
+}
+
+TEST(kyNetSender, copySharesTheChildren)
+{
+    const auto child = makeChild({2});
+    Plain original(Senders{child});
+    Plain copy = original;
+    EXPECT_EQ(copy.getChildren(), (Senders{child}));
+    copy.removeDestination(2);
+    EXPECT_TRUE(original.hasDestination(2));
+    copy = original;
+    EXPECT_TRUE(copy.hasDestination(2));
+}
+
+TEST(kyNetSender, destructionReleasesTheChildren)
+{
+    auto child = makeChild();
+    std::weak_ptr<kyNetSender> watched = child;
+    {
+        Plain parent(Senders{child});
+        child.reset();
+        EXPECT_FALSE(watched.expired());
+    }
+    EXPECT_TRUE(watched.expired());
+}
+
+static_assert(std::is_abstract_v<kyNetSender> && std::has_virtual_destructor_v<kyNetSender>);
