@@ -11,6 +11,7 @@ foreach(folder NetBase Utils QtProcess VersionInfo)
         PATTERN "platform" EXCLUDE
         PATTERN "kyNetClientVersion.h" EXCLUDE
         PATTERN "kyNetMemParts.h" EXCLUDE
+        PATTERN "kyNetSendQueue.h" EXCLUDE
         PATTERN "kyNetServerFolder.h" EXCLUDE
         PATTERN "kySharedSocket.h" EXCLUDE)
 endforeach()

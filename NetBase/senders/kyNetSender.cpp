@@ -1,6 +1,9 @@
 #include <NetBase/senders/kyNetSender.h>
 
 #include <NetBase/links/kyNetLink.h>
+#include <NetBase/senders/kyNetBalancedSender.h>
+#include <NetBase/senders/kyNetBufferedSender.h>
+#include <NetBase/senders/kyNetLinkSender.h>
 
 kyNetSender::kyNetSender() = default;
 
@@ -28,6 +31,17 @@ kyNetSender::kyNetSender(const std::shared_ptr<kyNetSender>& first,
 }
 
 kyNetSender::~kyNetSender() = default;
+
+std::shared_ptr<kyNetSender>
+kyNetSender::createBundle(std::vector<std::shared_ptr<kyNetLink>> links, bool buffered,
+                          const std::set<unsigned int>& destinations)
+{
+    std::vector<std::shared_ptr<kyNetSender>> leaves;
+    for (const auto& link : links) {
+        leaves.push_back(kyNetLinkSender::create(link, destinations));
+    }
+    return buffered ? kyNetBufferedSender::create(leaves, -1) : kyNetBalancedSender::create(leaves);
+}
 
 void kyNetSender::getLinks(std::vector<std::shared_ptr<kyNetLink>>& links)
 {

@@ -49,6 +49,14 @@ public:
 
     virtual ~kyNetSender();
 
+    /// One sender for several parallel links to the same peer, each of which reaches these
+    /// destinations: a kyNetBufferedSender with a thread for each link, or else a
+    /// kyNetBalancedSender, which is the link's own sender if there is only one. Give at least one
+    /// link. Buffers overtake each other on several links, either way.
+    static std::shared_ptr<kyNetSender> createBundle(std::vector<std::shared_ptr<kyNetLink>> links,
+                                                     bool buffered,
+                                                     const std::set<unsigned int>& destinations);
+
 protected:
     /// Appends every link that is reached through this sender.
     virtual void getLinks(std::vector<std::shared_ptr<kyNetLink>>& links);

@@ -1,0 +1,80 @@
+#include <NetBase/senders/kyNetSendQueue.h>
+
+#include <utility>
+
+#include <NetBase/buffers/kyNetBufferPool.h>
+#include <NetBase/buffers/kyNetOptions.h>
+#include <NetBase/platform/kyThreads.h>
+
+namespace {
+
+// So many that no end marker ever waits for room.
+constexpr int s_endingCapacity = 10000;
+
+} // namespace
+
+kyNetSendQueue::kyNetSendQueue(int capacity)
+{
+    m_buffers.set_capacity(capacity > 0 ? capacity : kyNetOptions::getMaxIOBuffers());
+}
+
+kyNetSendQueue::~kyNetSendQueue()
+{
+    dropWaiting();
+    m_isEnding = true;
+    m_buffers.set_capacity(s_endingCapacity);
+
+    const Buffer endMarker = kyNetBufferPool::pop();
+    endMarker->setDataSize(0);
+    for (std::size_t i = 0; i < m_workers.size(); ++i) {
+        enqueue(endMarker);
+    }
+    for (std::thread& worker : m_workers) {
+        enqueue(endMarker); // Intended: one to spare for each.
+        worker.join();
+    }
+}
+
+void kyNetSendQueue::startWorker(std::function<void()> work)
+{
+    m_workers.emplace_back([work = std::move(work)] {
+        kyThreads::resetProcessors();
+        work();
+    });
+}
+
+void kyNetSendQueue::push(const Buffer& buffer)
+{
+    rethrowFailure();
+    enqueue(buffer);
+    // Who has waited may have been given room by a worker that drops everything.
+    rethrowFailure();
+}
+
+void kyNetSendQueue::waitUntilReleased() const
+{
+    while (!hasFailed() && m_pending != 0) {
+        std::this_thread::yield();
+    }
+    rethrowFailure();
+}
+
+void kyNetSendQueue::enqueue(const Buffer& buffer)
+{
+    // Counted first, or the worker might be done with it before.
+    ++m_pending;
+    try {
+        m_buffers.push(buffer);
+    } catch (...) {
+        --m_pending;
+        throw;
+    }
+}
+
+void kyNetSendQueue::dropWaiting()
+{
+    Buffer dropped;
+    while (tryPop(dropped)) {
+        release(1);
+    }
+}
