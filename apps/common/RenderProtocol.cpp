@@ -5,9 +5,29 @@
 
 namespace render {
 
+namespace {
+
+constexpr std::uint32_t s_maxRelayTargets = 64;
+constexpr std::size_t s_maxFailureText = 4096;
+
+bool isOrder(Order order)
+{
+    switch (order) {
+    case Order::None:
+    case Order::LoadScene:
+    case Order::BeginFrame:
+    case Order::RenderTile:
+    case Order::ReportTraffic:
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
 void Hello::putValue(kyNetSerializer& out) const
 {
-    out << protocolVersion << type << rank << session << bookingId << channels;
+    out << protocolVersion << type << rank << source << session << bookingId << channels;
 }
 
 void Hello::getValue(kyNetSerializer& in)
@@ -16,28 +36,66 @@ void Hello::getValue(kyNetSerializer& in)
     if (protocolVersion != s_protocolVersion) {
         throw kyNetError("Unknown protocol version " + std::to_string(protocolVersion));
     }
-    in >> type >> rank >> session >> bookingId >> channels;
+    in >> type >> rank >> source >> session >> bookingId >> channels;
 }
 
-void TileMessage::putTile(const Tile& tile, const std::vector<Vector>& pixels)
+void Setup::putValue(kyNetSerializer& out) const
 {
-    putValue(tile);
-    putBytes(pixels.data(), pixels.size() * sizeof(Vector));
-}
-
-std::vector<Vector> TileMessage::getTile(Tile& tile)
-{
-    const std::uint64_t size = getDataSize();
-    if (size >= sizeof tile) {
-        getValue(tile);
-        const std::uint64_t pixels = tile.pixelCount();
-        if (pixels <= limits::s_tilePixels && pixels * sizeof(Vector) == size - sizeof tile) {
-            std::vector<Vector> result(pixels);
-            getBytes(result.data(), pixels * sizeof(Vector));
-            return result;
-        }
+    out << imageCompression << sceneSource << servicePort
+        << static_cast<std::uint32_t>(relayTargets.size());
+    for (const RelayTarget& target : relayTargets) {
+        out << target.rank << target.serverId;
     }
-    throw kyNetError("Received an invalid tile: " + std::to_string(size) + " bytes");
+}
+
+void Setup::getValue(kyNetSerializer& in)
+{
+    std::uint32_t count = 0;
+    in >> imageCompression >> sceneSource >> servicePort >> count;
+    if (count > s_maxRelayTargets) {
+        throw kyNetError(std::to_string(count) + " servers are too many to relay to");
+    }
+    relayTargets.resize(count);
+    for (RelayTarget& target : relayTargets) {
+        in >> target.rank >> target.serverId;
+    }
+}
+
+void AnswerMessage::putAnswer(const Answer& answer)
+{
+    *this << answer.order << answer.frame << answer.tile
+          << answer.failure.substr(0, s_maxFailureText) << answer.seconds << answer.sentBytes
+          << answer.compressedBytes;
+    putBytes(answer.pixels.data(), answer.pixels.size() * sizeof(Vector));
+}
+
+Answer AnswerMessage::getAnswer()
+{
+    Answer answer;
+    *this >> answer.order >> answer.frame >> answer.tile >> answer.failure >> answer.seconds >>
+        answer.sentBytes >> answer.compressedBytes;
+    if (!isOrder(answer.order)) {
+        throw kyNetError("Received an answer to order " +
+                         std::to_string(static_cast<std::uint32_t>(answer.order)));
+    }
+    if (answer.order == Order::RenderTile && answer.failure.empty()) {
+        answer.pixels = getPixels(answer.tile);
+    }
+    if (isReadable()) {
+        throw kyNetError("Received an answer with more than belongs to it");
+    }
+    return answer;
+}
+
+std::vector<Vector> AnswerMessage::getPixels(const Tile& tile)
+{
+    const std::uint64_t pixels = tile.pixelCount();
+    if (pixels > limits::s_tilePixels) {
+        throw kyNetError("Received a tile of " + std::to_string(pixels) + " pixels");
+    }
+    std::vector<Vector> result(pixels);
+    getBytes(result.data(), pixels * sizeof(Vector));
+    return result;
 }
 
 } // namespace render
