@@ -12,8 +12,11 @@ packages=(
     libembree-dev
     libgmock-dev
     libgtest-dev
+    liblz4-dev
     libpng-dev
+    libsodium-dev
     libtbb-dev
+    libzstd-dev
     locales
     ninja-build
     nlohmann-json3-dev

@@ -9,26 +9,11 @@
 #include <NetBase/serialization/kyNetStream.h>
 #include <NetBase/service/kyNetServiceCommand.h>
 #include <VersionInfo/kyVersionInfo.h>
+#include <apps/common/KeyExchange.h>
 
-namespace {
-
-void relayTo(const NodeAddress& node, const std::shared_ptr<kySocketLink>& link)
-{
-    kyNetStream stream(link);
-    stream << kyNetServiceCommand::ConnectService << node.host
-           << static_cast<std::uint32_t>(node.port);
-    stream.flush();
-    bool isConnected = false;
-    stream >> isConnected;
-    if (!isConnected) {
-        throw kyNetError("the relay cannot reach the node");
-    }
-}
-
-} // namespace
-
-ServiceClient::ServiceClient(NodeAddress node, std::optional<NodeAddress> relay)
-    : m_node(std::move(node)), m_relay(std::move(relay))
+ServiceClient::ServiceClient(NodeAddress node, std::optional<NodeAddress> relay,
+                             std::shared_ptr<const SharedKey> key)
+    : m_node(std::move(node)), m_relay(std::move(relay)), m_key(std::move(key))
 {
 }
 
@@ -111,10 +96,12 @@ std::shared_ptr<kySocketLink> ServiceClient::perform(double timeout,
 {
     try {
         std::shared_ptr<kySocketLink> link = connect();
+        KeyExchange::offer(link, m_key);
         link->setRecvTimeout(timeout);
         kyNetStream stream(link);
         conversation(stream);
         link->setRecvTimeout(0.0);
+        link->setCipher(nullptr);
         return link;
     } catch (const std::exception& e) {
         throw kyNetError(describe() + ": " + e.what());
@@ -128,11 +115,34 @@ std::shared_ptr<kySocketLink> ServiceClient::connect() const
         std::make_shared<kySocketLink>(kySocketAddress(first.host, std::to_string(first.port)),
                                        kyNetOptions::getConnectionTimeout());
     link->signalHPCNetSocket();
+    link->setRecvTimeout(s_answerTimeout);
     if (m_relay) {
-        link->setRecvTimeout(s_serverTimeout);
-        relayTo(m_node, link);
+        relayTo(link);
     }
     return link;
+}
+
+void ServiceClient::relayTo(const std::shared_ptr<kySocketLink>& link) const
+{
+    KeyExchange::offer(link, m_key);
+    link->setRecvTimeout(s_serverTimeout);
+    kyNetStream stream(link);
+    stream << kyNetServiceCommand::ConnectService << m_node.host
+           << static_cast<std::uint32_t>(m_node.port);
+    stream.flush();
+    bool isConnected = false;
+    stream >> isConnected;
+    if (!isConnected) {
+        // A relay that refuses the request itself says why: then the answer is a result.
+        std::string reason = "the relay cannot reach the node";
+        if (stream.getDataSize() > 0) {
+            stream >> reason;
+        }
+        throw kyNetError(reason);
+    }
+    // The relay passes on what the node and this client send, and leaves it as it is.
+    link->setCipher(nullptr);
+    link->setRecvTimeout(s_answerTimeout);
 }
 
 std::string ServiceClient::describe() const

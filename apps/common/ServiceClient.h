@@ -10,6 +10,7 @@
 #include <NetBase/service/kyNetServiceStatus.h>
 #include <apps/common/NodeAddress.h>
 
+class SharedKey;
 class kyNetStream;
 
 /// The client's side of a cluster service's requests.
@@ -25,10 +26,16 @@ class kyNetStream;
 /// With a relay, the connection leads to the relay's service, which passes everything on: the
 /// node's address is then resolved by the relay.
 ///
+/// With a key, the service has to hold it too, and so has the relay: see KeyExchange. Requests and
+/// answers are then encrypted, between this client and the one that they are for. The connection
+/// that startServer and connectServer return has no cipher any more: what the render server and the
+/// caller do about it, they agree on afresh.
+///
 /// Limits: connecting takes at most kyNetOptions::getConnectionTimeout() seconds once the name is
-/// resolved, the handshake 30; a service may be silent for s_answerTimeout before its answer, or
-/// s_serverTimeout where it starts or reaches a server. A returned connection has no receive
-/// time-out. Every failure is a kyNetError that begins with the node's name.
+/// resolved, the handshake 30; a service may be silent for s_answerTimeout before each word of the
+/// key exchange and before its answer, or s_serverTimeout where it starts or reaches a server. A
+/// returned connection has no receive time-out. Every failure is a kyNetError that begins with the
+/// node's name.
 ///
 /// Threads: a client keeps no connection; any number of threads may use one at once.
 class ServiceClient
@@ -60,11 +67,15 @@ public:
     /// Seconds that a service has to start a render server or to hand a connection to one.
     static constexpr double s_serverTimeout = 60.0;
 
-    /// Talks to the service of the node, through the service of the relay where one is given.
-    /// Connects to nothing yet.
-    explicit ServiceClient(NodeAddress node, std::optional<NodeAddress> relay = std::nullopt);
+    /// Talks to the service of the node, through the service of the relay where one is given, to
+    /// both with the key where one is given. Connects to nothing yet.
+    explicit ServiceClient(NodeAddress node, std::optional<NodeAddress> relay = std::nullopt,
+                           std::shared_ptr<const SharedKey> key = nullptr);
 
     const NodeAddress& getNode() const { return m_node; }
+
+    /// Empty if there is none.
+    const std::shared_ptr<const SharedKey>& getKey() const { return m_key; }
 
     /// Starts a render server; returns when it has taken the connection. Blocks.
     StartedServer startServer(const ServerSettings& settings) const;
@@ -85,7 +96,8 @@ public:
     /// The node's state now. Blocks.
     kyNetServiceStatus status() const;
 
-    /// Seconds that connecting and the handshake take, through a relay the relay's connecting too.
+    /// Seconds that connecting, the handshake and the key exchange take, through a relay the
+    /// relay's connecting too.
     double ping() const;
 
 private:
@@ -93,8 +105,10 @@ private:
 
     std::shared_ptr<kySocketLink> perform(double timeout, const Conversation& conversation) const;
     std::shared_ptr<kySocketLink> connect() const;
+    void relayTo(const std::shared_ptr<kySocketLink>& link) const;
     std::string describe() const;
 
     NodeAddress m_node;
     std::optional<NodeAddress> m_relay;
+    std::shared_ptr<const SharedKey> m_key;
 };
