@@ -2,19 +2,25 @@
 
 #include <memory>
 #include <set>
+#include <string>
 #include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <NetBase/senders/kyNetBalancedSender.h>
+#include <NetBase/senders/kyNetBufferedSender.h>
 #include <NetBase/senders/kyNetLinkSender.h>
 #include <tests/support/kyTestChains.h>
+#include <tests/support/kyTestSystem.h>
+#include <tests/support/kyTestWait.h>
 
 using kyTest::KeepingLink;
 using kyTest::KeepingSender;
 
 namespace {
 
+using Links = std::vector<std::shared_ptr<kyNetLink>>;
 using Ranks = std::set<unsigned int>;
 using Senders = std::vector<std::shared_ptr<kyNetSender>>;
 
@@ -29,6 +35,15 @@ public:
 std::shared_ptr<KeepingSender> makeChild(const Ranks& ranks = {})
 {
     return std::make_shared<KeepingSender>(ranks);
+}
+
+Links makeLinks(std::size_t count)
+{
+    Links links;
+    while (links.size() < count) {
+        links.push_back(std::make_shared<KeepingLink>());
+    }
+    return links;
 }
 
 } // namespace
@@ -171,6 +186,74 @@ TEST(kyNetSender, destructionReleasesTheChildren)
         EXPECT_FALSE(watched.expired());
     }
     EXPECT_TRUE(watched.expired());
+}
+
+TEST(kyNetSender, bundleOfOneLinkIsItsLinkSender)
+{
+    const auto link = std::make_shared<KeepingLink>();
+    const auto sender = kyNetSender::createBundle({link}, false, {2, 3});
+    EXPECT_NE(dynamic_cast<kyNetLinkSender*>(sender.get()), nullptr);
+    EXPECT_EQ(sender->getDestinations(), (Ranks{2, 3}));
+    EXPECT_EQ(sender->getLinks(), Links{link});
+}
+
+TEST(kyNetSender, bufferedBundleHasAThreadForEachLink)
+{
+    const std::size_t threads = kyTest::countThreads();
+    for (const std::size_t count : {1u, 4u}) {
+        const Links links = makeLinks(count);
+        auto sender = kyNetSender::createBundle(links, true, {2, 3});
+        EXPECT_NE(dynamic_cast<kyNetBufferedSender*>(sender.get()), nullptr);
+        EXPECT_EQ(kyTest::countThreads(), threads + count);
+        EXPECT_EQ(sender->getDestinations(), (Ranks{2, 3}));
+        EXPECT_EQ(sender->getLinks(), links);
+        for (const auto& leaf : sender->getChildren()) {
+            EXPECT_EQ(leaf->getDestinations(), (Ranks{2, 3}));
+        }
+        sender.reset();
+        EXPECT_TRUE(kyTest::waitUntil([&] { return kyTest::countThreads() == threads; }));
+    }
+}
+
+TEST(kyNetSender, bundleOfSeveralLinksTakesTurns)
+{
+    const std::size_t threads = kyTest::countThreads();
+    const Links links = makeLinks(4);
+    const auto sender = kyNetSender::createBundle(links, false, {2});
+    EXPECT_NE(dynamic_cast<kyNetBalancedSender*>(sender.get()), nullptr);
+    EXPECT_EQ(sender->getLinks(), links);
+    EXPECT_EQ(kyTest::countThreads(), threads);
+    for (int i = 0; i < 8; ++i) {
+        sender->send(kyTest::makeBuffer(std::to_string(i % 4)));
+    }
+    for (const auto& link : links) {
+        const auto& sent = static_cast<KeepingLink&>(*link).sent;
+        ASSERT_EQ(sent.size(), 2u);
+        EXPECT_EQ(kyTest::dataOf(*sent[0]), kyTest::dataOf(*sent[1]));
+    }
+}
+
+TEST(kyNetSender, bundleWithoutLinksReachesNobody)
+{
+    const auto balanced = kyNetSender::createBundle({}, false, {2});
+    EXPECT_NE(dynamic_cast<kyNetBalancedSender*>(balanced.get()), nullptr);
+    const std::size_t threads = kyTest::countThreads();
+    const auto buffered = kyNetSender::createBundle({}, true, {2});
+    EXPECT_NE(dynamic_cast<kyNetBufferedSender*>(buffered.get()), nullptr);
+    EXPECT_EQ(kyTest::countThreads(), threads);
+    for (const auto& sender : {balanced, buffered}) {
+        EXPECT_TRUE(sender->getChildren().empty());
+        EXPECT_TRUE(sender->getDestinations().empty());
+    }
+}
+
+TEST(kyNetSender, bundleSharesTheLinksAndForgetsTheirList)
+{
+    const Links links = makeLinks(2);
+    const auto sender = kyNetSender::createBundle(links, true, {2});
+    for (const auto& link : links) {
+        EXPECT_EQ(link.use_count(), 2);
+    }
 }
 
 static_assert(std::is_abstract_v<kyNetSender> && std::has_virtual_destructor_v<kyNetSender>);
