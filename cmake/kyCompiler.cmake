@@ -26,6 +26,10 @@ endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 add_compile_definitions(QT_NO_KEYWORDS)
+if(WIN32)
+    # Nothing older than Windows 10, and of its headers only what a source asks for.
+    add_compile_definitions(_WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()
 
 if(KY_SANITIZE)
     add_compile_options(-fsanitize=${KY_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)

@@ -1,0 +1,137 @@
+#include <tests/support/kyTestChildSystem.h>
+
+#include <cstdint>
+#include <system_error>
+
+#include <windows.h>
+
+#include <Utils/platform/win32/kyHandle.h>
+
+namespace kyTest {
+
+namespace {
+
+kyHandle checked(HANDLE value)
+{
+    kyHandle handle(value);
+    if (!handle.isValid()) {
+        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category());
+    }
+    return handle;
+}
+
+BOOL WINAPI doNothing(DWORD)
+{
+    return TRUE;
+}
+
+/// Handled, and thereby without effect, are Ctrl-C and Ctrl-Break; the flag "ignored" of Ctrl-C
+/// alone is what child processes inherit.
+void ignoreControlKeys(bool isIgnored)
+{
+    ::SetConsoleCtrlHandler(nullptr, isIgnored);
+    ::SetConsoleCtrlHandler(doNothing, isIgnored);
+}
+
+} // namespace
+
+std::string childProgram()
+{
+    return KY_TEST_BINARY_DIR "/tests/children/kyTestChild.exe";
+}
+
+void ignoreTermination()
+{
+    ::SetConsoleCtrlHandler(doNothing, TRUE);
+}
+
+std::string describeIgnoredSignals()
+{
+    // A process cannot ask what it ignores.
+    return {};
+}
+
+void leaveOrphanThatWrites()
+{
+    HANDLE ends[2]{};
+    SECURITY_ATTRIBUTES inherited{sizeof(inherited), nullptr, TRUE};
+    if (!::CreatePipe(&ends[0], &ends[1], &inherited, 0)) {
+        return;
+    }
+    const kyHandle reading(ends[0]);
+    kyHandle writing(ends[1]);
+
+    std::string line = '"' + childProgram() + "\" write-until-unread";
+    STARTUPINFOA info{};
+    info.cb = sizeof(info);
+    info.dwFlags = STARTF_USESTDHANDLES;
+    info.hStdOutput = ::GetStdHandle(STD_OUTPUT_HANDLE);
+    info.hStdError = writing.get();
+    PROCESS_INFORMATION started{};
+    if (!::CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &info,
+                          &started)) {
+        return;
+    }
+    const kyHandle process(started.hProcess);
+    const kyHandle thread(started.hThread);
+    writing.close();
+    char byte = 0;
+    DWORD size = 0;
+    ::ReadFile(reading.get(), &byte, 1, &size, nullptr);
+}
+
+bool becomeNobody()
+{
+    return false;
+}
+
+bool isAdministrator()
+{
+    // Nobody becomes another user here without that user's password.
+    return false;
+}
+
+InheritableDescriptor::InheritableDescriptor()
+{
+    SECURITY_ATTRIBUTES inherited{sizeof(inherited), nullptr, TRUE};
+    const HANDLE made = checked(::CreateEventW(&inherited, TRUE, FALSE, nullptr)).release();
+    // A handle has 32 significant bits.
+    m_value = static_cast<int>(reinterpret_cast<std::intptr_t>(made));
+}
+
+InheritableDescriptor::~InheritableDescriptor()
+{
+    ::CloseHandle(reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(m_value)));
+}
+
+DeafToSignals::DeafToSignals()
+{
+    ignoreControlKeys(true);
+}
+
+DeafToSignals::~DeafToSignals()
+{
+    ignoreControlKeys(false);
+}
+
+Interruptions::Interruptions()
+{
+    // What interrupts a call that has let itself be interrupted.
+    HANDLE target = nullptr;
+    ::DuplicateHandle(::GetCurrentProcess(), ::GetCurrentThread(), ::GetCurrentProcess(), &target,
+                      0, FALSE, DUPLICATE_SAME_ACCESS);
+    m_thread = std::thread([this, thread = checked(target)] {
+        while (!m_isOver) {
+            ::QueueUserAPC([](ULONG_PTR) {}, thread.get(), 0);
+            ::Sleep(1);
+        }
+    });
+}
+
+Interruptions::~Interruptions()
+{
+    m_isOver = true;
+    m_thread.join();
+}
+
+} // namespace kyTest

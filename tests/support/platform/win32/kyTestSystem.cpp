@@ -1,0 +1,241 @@
+#include <tests/support/kyTestSystem.h>
+
+#include <atomic>
+#include <limits>
+#include <sstream>
+#include <vector>
+
+#include <winsock2.h>
+
+#include <windows.h>
+#include <winternl.h>
+
+#include <tlhelp32.h>
+
+#include <Utils/platform/win32/kyHandle.h>
+#include <tests/support/platform/win32/kyTestForbid.h>
+
+namespace kyTest {
+
+namespace {
+
+/// The kind of thing that a handle stands for, as the system calls it; "" for no handle.
+std::wstring getKind(HANDLE handle)
+{
+    constexpr auto objectTypeInformation = static_cast<OBJECT_INFORMATION_CLASS>(2);
+    std::vector<std::uint64_t> memory(128);
+    ULONG size = 0;
+    if (::NtQueryObject(handle, objectTypeInformation, memory.data(),
+                        static_cast<ULONG>(memory.size() * sizeof(memory[0])), &size) != 0) {
+        return {};
+    }
+    const auto* name = reinterpret_cast<const UNICODE_STRING*>(memory.data());
+    return {name->Buffer, name->Length / sizeof(wchar_t)};
+}
+
+/// Calls visit(value, kind) for every handle of this process.
+template <class Visit> void forEachHandle(Visit visit)
+{
+    DWORD left = 0;
+    ::GetProcessHandleCount(::GetCurrentProcess(), &left);
+    // Values are multiples of 4; the gaps that closed ones leave are filled again.
+    for (std::uintptr_t value = 4; left > 0 && value < 0x40000; value += 4) {
+        const std::wstring kind = getKind(reinterpret_cast<HANDLE>(value));
+        if (!kind.empty()) {
+            --left;
+            visit(value, kind);
+        }
+    }
+}
+
+/// Calls visit(entry) for each entry of a list that the system makes of all processes.
+template <class Entry, class First, class Next, class Visit>
+void walk(DWORD list, First first, Next next, Visit visit)
+{
+    const kyHandle all(::CreateToolhelp32Snapshot(list, 0));
+    Entry entry{};
+    entry.dwSize = sizeof(entry);
+    for (BOOL isThere = first(all.get(), &entry); isThere; isThere = next(all.get(), &entry)) {
+        visit(entry);
+    }
+}
+
+std::atomic<std::size_t> s_limit{std::numeric_limits<std::size_t>::max()};
+
+bool isFull()
+{
+    const bool isFull = countDescriptors() >= s_limit;
+    if (isFull) {
+        ::SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+    }
+    return isFull;
+}
+
+bool isFullForSockets()
+{
+    const bool isFull = countDescriptors() >= s_limit;
+    if (isFull) {
+        ::WSASetLastError(WSAEMFILE);
+    }
+    return isFull;
+}
+
+SOCKET WSAAPI makeSocket(int family, int type, int protocol)
+{
+    return isFullForSockets()
+               ? INVALID_SOCKET
+               : callOriginal<SOCKET>("ws2_32.dll", "socket", family, type, protocol);
+}
+
+SOCKET WSAAPI makeSocketA(int family, int type, int protocol, LPWSAPROTOCOL_INFOA information,
+                          GROUP group, DWORD flags)
+{
+    return isFullForSockets() ? INVALID_SOCKET
+                              : callOriginal<SOCKET>("ws2_32.dll", "WSASocketA", family, type,
+                                                     protocol, information, group, flags);
+}
+
+SOCKET WSAAPI makeSocketW(int family, int type, int protocol, LPWSAPROTOCOL_INFOW information,
+                          GROUP group, DWORD flags)
+{
+    return isFullForSockets() ? INVALID_SOCKET
+                              : callOriginal<SOCKET>("ws2_32.dll", "WSASocketW", family, type,
+                                                     protocol, information, group, flags);
+}
+
+SOCKET WSAAPI acceptClient(SOCKET listening, sockaddr* address, int* size)
+{
+    return isFullForSockets()
+               ? INVALID_SOCKET
+               : callOriginal<SOCKET>("ws2_32.dll", "accept", listening, address, size);
+}
+
+HANDLE WSAAPI makeSocketEvent()
+{
+    return isFullForSockets() ? nullptr : callOriginal<HANDLE>("ws2_32.dll", "WSACreateEvent");
+}
+
+HANDLE WINAPI makeEventA(LPSECURITY_ATTRIBUTES security, BOOL isManual, BOOL isSet, LPCSTR name)
+{
+    return isFull() ? nullptr
+                    : callOriginal<HANDLE>("kernel32.dll", "CreateEventA", security, isManual,
+                                           isSet, name);
+}
+
+HANDLE WINAPI makeEventW(LPSECURITY_ATTRIBUTES security, BOOL isManual, BOOL isSet, LPCWSTR name)
+{
+    return isFull() ? nullptr
+                    : callOriginal<HANDLE>("kernel32.dll", "CreateEventW", security, isManual,
+                                           isSet, name);
+}
+
+HANDLE WINAPI openFileA(LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                        DWORD disposition, DWORD flags, HANDLE model)
+{
+    return isFull() ? INVALID_HANDLE_VALUE
+                    : callOriginal<HANDLE>("kernel32.dll", "CreateFileA", path, access, share,
+                                           security, disposition, flags, model);
+}
+
+HANDLE WINAPI openFileW(LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                        DWORD disposition, DWORD flags, HANDLE model)
+{
+    return isFull() ? INVALID_HANDLE_VALUE
+                    : callOriginal<HANDLE>("kernel32.dll", "CreateFileW", path, access, share,
+                                           security, disposition, flags, model);
+}
+
+HANDLE WINAPI makePipeA(LPCSTR name, DWORD access, DWORD mode, DWORD instances, DWORD output,
+                        DWORD input, DWORD timeout, LPSECURITY_ATTRIBUTES security)
+{
+    return isFull() ? INVALID_HANDLE_VALUE
+                    : callOriginal<HANDLE>("kernel32.dll", "CreateNamedPipeA", name, access, mode,
+                                           instances, output, input, timeout, security);
+}
+
+HANDLE WINAPI makePipeW(LPCWSTR name, DWORD access, DWORD mode, DWORD instances, DWORD output,
+                        DWORD input, DWORD timeout, LPSECURITY_ATTRIBUTES security)
+{
+    return isFull() ? INVALID_HANDLE_VALUE
+                    : callOriginal<HANDLE>("kernel32.dll", "CreateNamedPipeW", name, access, mode,
+                                           instances, output, input, timeout, security);
+}
+
+BOOL WINAPI startProcess(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES ofProcess,
+                         LPSECURITY_ATTRIBUTES ofThread, BOOL isInheriting, DWORD flags,
+                         LPVOID environment, LPCWSTR folder, LPSTARTUPINFOW startup,
+                         LPPROCESS_INFORMATION started)
+{
+    return !isFull() &&
+           callOriginal<BOOL>("kernel32.dll", "CreateProcessW", program, line, ofProcess, ofThread,
+                              isInheriting, flags, environment, folder, startup, started);
+}
+
+/// The system has no such limit: what makes handles is refused here instead.
+void limitHandles()
+{
+    detour("ws2_32.dll", "socket", makeSocket);
+    detour("ws2_32.dll", "WSASocketA", makeSocketA);
+    detour("ws2_32.dll", "WSASocketW", makeSocketW);
+    detour("ws2_32.dll", "accept", acceptClient);
+    detour("ws2_32.dll", "WSACreateEvent", makeSocketEvent);
+    detour("kernel32.dll", "CreateEventA", makeEventA);
+    detour("kernel32.dll", "CreateEventW", makeEventW);
+    detour("kernel32.dll", "CreateFileA", openFileA);
+    detour("kernel32.dll", "CreateFileW", openFileW);
+    detour("kernel32.dll", "CreateNamedPipeA", makePipeA);
+    detour("kernel32.dll", "CreateNamedPipeW", makePipeW);
+    detour("kernel32.dll", "CreateProcessW", startProcess);
+}
+
+} // namespace
+
+std::string describeDescriptors()
+{
+    std::ostringstream text;
+    forEachHandle([&](std::uintptr_t value, const std::wstring& kind) {
+        text << value << " -> " << std::string(kind.begin(), kind.end()) << '\n';
+    });
+    return text.str();
+}
+
+std::size_t countDescriptors()
+{
+    DWORD count = 0;
+    ::GetProcessHandleCount(::GetCurrentProcess(), &count);
+    return count;
+}
+
+std::size_t countThreads()
+{
+    std::size_t count = 0;
+    walk<THREADENTRY32>(TH32CS_SNAPTHREAD, ::Thread32First, ::Thread32Next,
+                        [&](const THREADENTRY32& thread) {
+                            count += thread.th32OwnerProcessID == ::GetCurrentProcessId() ? 1 : 0;
+                        });
+    return count;
+}
+
+std::size_t countChildren()
+{
+    std::size_t count = 0;
+    walk<PROCESSENTRY32W>(TH32CS_SNAPPROCESS, ::Process32FirstW, ::Process32NextW,
+                          [&](const PROCESSENTRY32W& process) {
+                              count +=
+                                  process.th32ParentProcessID == ::GetCurrentProcessId() ? 1 : 0;
+                          });
+    return count;
+}
+
+DescriptorLimit::DescriptorLimit(std::size_t limit)
+{
+    limitHandles();
+    m_previous = s_limit.exchange(limit);
+}
+
+DescriptorLimit::~DescriptorLimit()
+{
+    s_limit = m_previous;
+}
+
+} // namespace kyTest
