@@ -17,7 +17,8 @@ void set(int code);
 /// Makes the code 0.
 void clear();
 
-/// The system's text for a code, in English; "" if it has none. May change the last error.
+/// The system's text for a code, in English where the system leaves that to us; "" if it has none.
+/// May change the last error.
 std::string getText(int code);
 
 } // namespace kyLastError

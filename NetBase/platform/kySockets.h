@@ -145,7 +145,7 @@ public:
     void signal();
 
     /// Waits without limit until a connection can be accepted (true), or the event is signalled
-    /// or the wait fails (false). Several threads may wait.
+    /// or the wait fails (false). Several threads may wait, all of them for the same socket.
     bool waitForConnection(kySocketHandle listening) const;
 
 private:

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <limits>
 #include <optional>
@@ -17,6 +16,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <NetBase/platform/kyDeadline.h>
 #include <Utils/platform/posix/kyDescriptor.h>
 
 // The name is the address of an abstract Unix socket: it lives in no folder, and ends with the
@@ -76,35 +76,9 @@ bool isSocket(int descriptor)
     return true;
 }
 
-/// A point in time that a wait with several steps ends at.
-class Deadline
-{
-public:
-    explicit Deadline(int milliseconds)
-        : m_isForever(milliseconds < 0),
-          m_end(Clock::now() + std::chrono::milliseconds(milliseconds))
-    {
-    }
-
-    /// Milliseconds left as `poll` wants them, rounded up so that no wait turns into a spin.
-    int left() const
-    {
-        if (m_isForever) {
-            return -1;
-        }
-        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(m_end - Clock::now());
-        return static_cast<int>(std::max<std::int64_t>(rest.count(), 0));
-    }
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    bool m_isForever;
-    Clock::time_point m_end;
-};
-
 /// Waits until one of the descriptors has something to tell; the result is that of `poll`.
-template <std::size_t count> int waitFor(std::array<pollfd, count>& waits, const Deadline& deadline)
+template <std::size_t count>
+int waitFor(std::array<pollfd, count>& waits, const kyDeadline& deadline)
 {
     for (;;) {
         const int result = ::poll(waits.data(), waits.size(), deadline.left());
@@ -196,7 +170,7 @@ public:
 
     Status waitForClient(int milliseconds) override
     {
-        const Deadline deadline(milliseconds);
+        const kyDeadline deadline(milliseconds);
         while (!m_connection.isValid()) {
             std::array<pollfd, 1> waits{{{m_listener.get(), POLLIN, 0}}};
             const int ready = waitFor(waits, deadline);
@@ -267,7 +241,7 @@ public:
 
     Status receiveSocket(int milliseconds, Received& received) override
     {
-        const Deadline deadline(milliseconds);
+        const kyDeadline deadline(milliseconds);
         while (!m_arrival.isComplete()) {
             std::array<pollfd, 2> waits{
                 {{m_stopEvent.get(), POLLIN, 0}, {m_connection.get(), POLLIN, 0}}};
