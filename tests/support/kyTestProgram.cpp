@@ -54,7 +54,7 @@ std::string Program::readLine()
 
 void Program::terminate()
 {
-    m_process->terminate();
+    terminateProcess(m_process->processId());
 }
 
 void Program::interrupt()

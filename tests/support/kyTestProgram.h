@@ -49,7 +49,9 @@ private:
 /// Runs a program to its end.
 ProgramResult runProgram(const std::string& path, const std::vector<std::string>& arguments);
 
-/// Sends a process what Ctrl-C sends it. One source per system stands in platform/.
+/// Sends a process what Ctrl-C sends it, or what the system's service manager does. One source per
+/// system stands in platform/.
 void interruptProcess(long long processId);
+void terminateProcess(long long processId);
 
 } // namespace kyTest

@@ -2,13 +2,13 @@
 
 #include <array>
 #include <atomic>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
 #include <QString>
 #include <windows.h>
 
+#include <QtProcess/platform/win32/exEndRequest.h>
 #include <Utils/platform/win32/kyHandle.h>
 
 namespace {
@@ -238,12 +238,6 @@ private:
     std::vector<char> m_memory;
 };
 
-bool hasConsole()
-{
-    DWORD process = 0;
-    return ::GetConsoleProcessList(&process, 1) != 0;
-}
-
 /// The handle of the started program, or none.
 kyHandle spawn(const exChild::Order& order, Inheritance& inheritance, DWORD& id)
 {
@@ -253,10 +247,8 @@ kyHandle spawn(const exChild::Order& order, Inheritance& inheritance, DWORD& id)
     if (order.environment) {
         environment = makeEnvironment(*order.environment);
     }
-    // A group of its own can be asked to end alone.
-    DWORD flags =
-        EXTENDED_STARTUPINFO_PRESENT | CREATE_UNICODE_ENVIRONMENT | CREATE_NEW_PROCESS_GROUP;
-    if (!order.hasDisplay && !hasConsole()) {
+    DWORD flags = EXTENDED_STARTUPINFO_PRESENT | CREATE_UNICODE_ENVIRONMENT;
+    if (!order.hasDisplay) {
         flags |= CREATE_NO_WINDOW;
     }
     STARTUPINFOEXW info = inheritance.makeStartupInfo();
@@ -269,29 +261,6 @@ kyHandle spawn(const exChild::Order& order, Inheritance& inheritance, DWORD& id)
     ::CloseHandle(started.hThread);
     id = started.dwProcessId;
     return kyHandle(started.hProcess);
-}
-
-BOOL CALLBACK closeWindow(HWND window, LPARAM process)
-{
-    DWORD owner = 0;
-    ::GetWindowThreadProcessId(window, &owner);
-    if (owner == static_cast<DWORD>(process)) {
-        ::PostMessageW(window, WM_CLOSE, 0, 0);
-    }
-    return TRUE;
-}
-
-/// Ctrl-Break for the group of one process. Only those who share its console can send it, so a
-/// process without one visits the child's for a moment.
-void sendBreak(DWORD process)
-{
-    static std::mutex s_visit;
-    const std::lock_guard<std::mutex> guard(s_visit);
-    const BOOL isVisitor = ::AttachConsole(process);
-    ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, process);
-    if (isVisitor) {
-        ::FreeConsole();
-    }
 }
 
 class WindowsChild final : public exChild
@@ -320,12 +289,10 @@ public:
 
     std::uint32_t getProcessId() const override { return m_id; }
 
-    /// The number stays the child's while its handle is open, also when it has ended.
     void terminate() override
     {
         if (isRunning()) {
-            ::EnumWindows(closeWindow, static_cast<LPARAM>(m_id));
-            sendBreak(m_id);
+            exRequestEnd(m_process.get());
         }
     }
 

@@ -144,6 +144,16 @@ int cutCharacter(const std::string& text)
     return 0;
 }
 
+/// Points on standard output, until nobody reads them.
+int writeUntilUnread()
+{
+    while (std::cout << '.' << std::flush) {
+        std::cerr << '.' << std::flush;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return 0;
+}
+
 int act(const std::string& name, const std::string& value)
 {
     const std::map<std::string, std::function<int()>> acts{
@@ -202,6 +212,7 @@ int act(const std::string& name, const std::string& value)
              return 0;
          }},
         {"wait", []() -> int { waitForever(); }},
+        {"write-until-unread", writeUntilUnread},
     };
     const auto found = acts.find(name);
     // A text that is none of these is an argument like any other.

@@ -11,4 +11,9 @@ void interruptProcess(long long processId)
     kill(static_cast<pid_t>(processId), SIGINT);
 }
 
+void terminateProcess(long long processId)
+{
+    kill(static_cast<pid_t>(processId), SIGTERM);
+}
+
 } // namespace kyTest

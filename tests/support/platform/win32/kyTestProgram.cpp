@@ -1,13 +1,22 @@
 #include <tests/support/kyTestProgram.h>
 
-#include <windows.h>
+#include <QtProcess/platform/win32/exEndRequest.h>
+#include <Utils/platform/win32/kyHandle.h>
 
 namespace kyTest {
 
 void interruptProcess(long long processId)
 {
-    // Ctrl-C reaches no single process, Ctrl-Break does, if it leads a group of its own.
-    ::GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, static_cast<DWORD>(processId));
+    constexpr DWORD rights = PROCESS_CREATE_THREAD | PROCESS_QUERY_INFORMATION |
+                             PROCESS_VM_OPERATION | PROCESS_VM_READ | PROCESS_VM_WRITE;
+    const kyHandle process(::OpenProcess(rights, FALSE, static_cast<DWORD>(processId)));
+    exRequestEnd(process.get());
+}
+
+void terminateProcess(long long processId)
+{
+    // The same for programs without windows.
+    interruptProcess(processId);
 }
 
 } // namespace kyTest

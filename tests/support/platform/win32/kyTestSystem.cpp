@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <limits>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -19,30 +20,71 @@ namespace kyTest {
 
 namespace {
 
-/// The kind of thing that a handle stands for, as the system calls it; "" for no handle.
-std::wstring getKind(HANDLE handle)
+/// As the system lists the handles of all processes.
+struct ListedHandle
 {
-    constexpr auto objectTypeInformation = static_cast<OBJECT_INFORMATION_CLASS>(2);
+    void* object;
+    ULONG_PTR process;
+    ULONG_PTR value;
+    ULONG access;
+    USHORT origin;
+    USHORT kind;
+    ULONG attributes;
+    ULONG reserved;
+};
+struct HandleList
+{
+    ULONG_PTR count;
+    ULONG_PTR reserved;
+    ListedHandle first;
+};
+
+std::vector<ULONG_PTR> getHandles()
+{
+    constexpr int extendedHandleInformation = 64;
+    std::vector<std::uint64_t> memory(1 << 15);
+    ULONG needed = 0;
+    while (callOriginal<LONG>("ntdll.dll", "NtQuerySystemInformation", extendedHandleInformation,
+                              memory.data(), static_cast<ULONG>(memory.size() * sizeof(memory[0])),
+                              &needed) != 0) {
+        memory.resize(memory.size() * 2);
+    }
+    const auto* list = reinterpret_cast<const HandleList*>(memory.data());
+    const ListedHandle* listed = &list->first;
+    std::vector<ULONG_PTR> handles;
+    for (ULONG_PTR i = 0; i < list->count; ++i) {
+        if (listed[i].process == ::GetCurrentProcessId()) {
+            handles.push_back(listed[i].value);
+        }
+    }
+    return handles;
+}
+
+/// The kind of thing that a handle stands for, as the system calls it.
+std::string getKind(ULONG_PTR value)
+{
+    constexpr int objectTypeInformation = 2;
     std::vector<std::uint64_t> memory(128);
     ULONG size = 0;
-    if (::NtQueryObject(handle, objectTypeInformation, memory.data(),
-                        static_cast<ULONG>(memory.size() * sizeof(memory[0])), &size) != 0) {
+    if (callOriginal<LONG>("ntdll.dll", "NtQueryObject", value, objectTypeInformation,
+                           memory.data(), static_cast<ULONG>(memory.size() * sizeof(memory[0])),
+                           &size) != 0) {
         return {};
     }
     const auto* name = reinterpret_cast<const UNICODE_STRING*>(memory.data());
-    return {name->Buffer, name->Length / sizeof(wchar_t)};
+    const std::wstring kind(name->Buffer, name->Length / sizeof(wchar_t));
+    return {kind.begin(), kind.end()};
 }
 
-/// Calls visit(value, kind) for every handle of this process.
+/// Calls visit(value, kind) for every handle of this process but those that the thread library
+/// keeps for its own use, also of threads that have ended.
 template <class Visit> void forEachHandle(Visit visit)
 {
-    DWORD left = 0;
-    ::GetProcessHandleCount(::GetCurrentProcess(), &left);
-    // Values are multiples of 4; the gaps that closed ones leave are filled again.
-    for (std::uintptr_t value = 4; left > 0 && value < 0x40000; value += 4) {
-        const std::wstring kind = getKind(reinterpret_cast<HANDLE>(value));
-        if (!kind.empty()) {
-            --left;
+    static const std::set<std::string> s_ofThreads{"",       "Event",     "Key",   "KeyedEvent",
+                                                   "Mutant", "Semaphore", "Thread"};
+    for (const ULONG_PTR value : getHandles()) {
+        const std::string kind = getKind(value);
+        if (s_ofThreads.count(kind) == 0) {
             visit(value, kind);
         }
     }
@@ -193,16 +235,15 @@ void limitHandles()
 std::string describeDescriptors()
 {
     std::ostringstream text;
-    forEachHandle([&](std::uintptr_t value, const std::wstring& kind) {
-        text << value << " -> " << std::string(kind.begin(), kind.end()) << '\n';
-    });
+    forEachHandle(
+        [&](ULONG_PTR value, const std::string& kind) { text << value << " -> " << kind << '\n'; });
     return text.str();
 }
 
 std::size_t countDescriptors()
 {
-    DWORD count = 0;
-    ::GetProcessHandleCount(::GetCurrentProcess(), &count);
+    std::size_t count = 0;
+    forEachHandle([&](ULONG_PTR, const std::string&) { ++count; });
     return count;
 }
 
