@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libraries that the Windows build links, from Debian's source packages: the very sources
 # that the Linux build's development packages were made of. Keeps them in build/windows-prefix, or in
-# KY_WINDOWS_PREFIX, and builds them again only when one of those versions or this script changes.
+# KY_WINDOWS_PREFIX, and builds them again only when one of those versions or the recipe changes.
 set -eEuo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -17,8 +17,10 @@ log=$work/log
 sources=$(dpkg-query -W -f '${source:Package}=${source:Version}\n' \
     libtbb-dev qtbase5-dev libsodium-dev liblz4-dev libzstd-dev)
 headers=$(dpkg-query -W -f '${Package}=${Version}\n' googletest libcli11-dev nlohmann-json3-dev)
+# To be counted up when something below changes what comes out.
+recipe=1
 stamp=$(printf '%s\n' "$sources" "$headers" \
-    "$(x86_64-w64-mingw32-g++-posix --version | head -1)" "$(sha256sum <"scripts/windows-prefix.sh")")
+    "$(x86_64-w64-mingw32-g++-posix --version | head -1)" "recipe=$recipe")
 [ "$(cat "$prefix/stamp" 2>/dev/null)" != "$stamp" ] || exit 0
 
 rm -rf "$prefix" "$work"
@@ -72,8 +74,9 @@ build_onetbb() {
 build_qtbase-opensource-src() {
     mkdir "$work/qt-build"
     (cd "$work/qt-build" &&
-        ../qtbase-opensource-src/configure -opensource -confirm-license -release -shared \
-            -xplatform win32-g++ -device-option CROSS_COMPILE=x86_64-w64-mingw32- \
+        MAKEFLAGS=-j$(nproc) ../qtbase-opensource-src/configure \
+            -opensource -confirm-license -release -shared -xplatform win32-g++ \
+            -device-option CROSS_COMPILE=x86_64-w64-mingw32- \
             -prefix "$prefix" -hostprefix "$prefix/host" \
             -no-gui -no-widgets -no-dbus -no-opengl -no-openssl -nomake examples -nomake tests \
             -qt-pcre -no-icu -no-glib -no-zstd -qt-zlib &&

@@ -17,6 +17,7 @@
 #include <NetBase/service/kyNetServiceCommand.h>
 #include <NetBase/service/kyNetServiceStatus.h>
 #include <apps/common/ServiceClient.h>
+#include <tests/support/kyTestChildSystem.h>
 #include <tests/support/kyTestProgram.h>
 #include <tests/support/kyTestWait.h>
 
@@ -31,7 +32,7 @@ public:
     Node()
         : m_program(
               kyTest::programPath("TALOClusterService"),
-              {"--port", "0", "--server", KY_TEST_BINARY_DIR "/tests/children/kyTestRenderServer"})
+              {"--port", "0", "--server", kyTest::childProgram("kyTestRenderServer")})
     {
         const std::string line = m_program.readLine();
         m_port = std::stoi(line.substr(line.rfind(' ')));

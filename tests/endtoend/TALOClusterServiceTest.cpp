@@ -21,6 +21,7 @@
 #include <NetBase/serialization/kyNetStream.h>
 #include <NetBase/service/kyNetServiceCommand.h>
 #include <apps/common/ServiceClient.h>
+#include <tests/support/kyTestChildSystem.h>
 #include <tests/support/kyTestProgram.h>
 #include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestWait.h>
@@ -36,7 +37,7 @@ std::string daemonPath()
 
 std::string renderServer()
 {
-    return KY_TEST_BINARY_DIR "/tests/children/kyTestRenderServer";
+    return kyTest::childProgram("kyTestRenderServer");
 }
 
 /// A daemon on a port of its own.

@@ -42,7 +42,7 @@ using Command = kyNetServiceCommand;
 
 std::string renderServer()
 {
-    return KY_TEST_BINARY_DIR "/tests/children/kyTestRenderServer";
+    return kyTest::childProgram("kyTestRenderServer");
 }
 
 /// Collects what is logged instead of printing it.

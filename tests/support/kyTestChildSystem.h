@@ -10,8 +10,8 @@
 /// One source per system stands in platform/.
 namespace kyTest {
 
-/// The path of the program that acts as a child; its last argument says what it does.
-std::string childProgram();
+/// The path of a program that acts as a child; its last argument says what it does.
+std::string childProgram(const std::string& name = "kyTestChild");
 
 /// Makes this process deaf to polite requests to end.
 void ignoreTermination();

@@ -4,6 +4,7 @@
 
 #include <QProcess>
 
+#include <Utils/kyPlatform.h>
 #include <tests/support/kyTestWait.h>
 
 namespace kyTest {
@@ -19,7 +20,7 @@ int patience()
 
 std::string programPath(const std::string& name)
 {
-    return KY_TEST_BINARY_DIR "/bin/" + name;
+    return KY_TEST_BINARY_DIR "/bin/" + name + kyPlatform::getProgramSuffix();
 }
 
 Program::Program(const std::string& path, const std::vector<std::string>& arguments)

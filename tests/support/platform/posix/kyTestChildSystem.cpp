@@ -19,9 +19,9 @@ constexpr uid_t s_nobody = 65534;
 
 } // namespace
 
-std::string childProgram()
+std::string childProgram(const std::string& name)
 {
-    return KY_TEST_BINARY_DIR "/tests/children/kyTestChild";
+    return KY_TEST_BINARY_DIR "/tests/children/" + name;
 }
 
 void ignoreTermination()

@@ -35,9 +35,9 @@ void ignoreControlKeys(bool isIgnored)
 
 } // namespace
 
-std::string childProgram()
+std::string childProgram(const std::string& name)
 {
-    return KY_TEST_BINARY_DIR "/tests/children/kyTestChild.exe";
+    return KY_TEST_BINARY_DIR "/tests/children/" + name + ".exe";
 }
 
 void ignoreTermination()
