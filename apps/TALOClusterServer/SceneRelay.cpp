@@ -1,0 +1,63 @@
+#include <apps/TALOClusterServer/SceneRelay.h>
+
+#include <exception>
+#include <vector>
+
+#include <NetBase/links/kySocketLink.h>
+#include <NetBase/senders/kyNetMultiSender.h>
+#include <NetBase/serialization/kyNetStream.h>
+#include <Utils/kyLog.h>
+#include <apps/TALOClusterServer/RelayBranch.h>
+
+namespace render {
+
+namespace {
+
+/// Seconds that a target has for its answer to a Hello.
+constexpr double s_helloTimeout = 30.0;
+
+void introduce(const std::shared_ptr<kySocketLink>& link, const Hello& hello)
+{
+    link->setRecvTimeout(s_helloTimeout);
+    kyNetStream stream(link);
+    stream << hello;
+    stream.flush();
+    stream.recvResult();
+    link->setRecvTimeout(0.0);
+}
+
+std::shared_ptr<kyNetSender> openBranch(const Hello& application, const RelayTarget& target,
+                                        std::uint16_t port, const SceneRelay::Opener& opener)
+{
+    Hello hello = application;
+    hello.type = kyNodeConnectionType::Image;
+    hello.source = application.rank;
+    hello.rank = target.rank;
+    const int channels = hello.channels.getChannels(hello.type);
+    std::vector<std::shared_ptr<kyNetLink>> links;
+    for (int i = 0; i < channels; ++i) {
+        const std::shared_ptr<kySocketLink> link = opener(port, target.serverId);
+        introduce(link, hello);
+        links.push_back(link);
+    }
+    const auto rank = static_cast<unsigned int>(target.rank);
+    return std::make_shared<RelayBranch>(kyNetSender::createBundle(links, true, {rank}));
+}
+
+} // namespace
+
+std::shared_ptr<kyNetSender> SceneRelay::open(const Hello& application, const Setup& setup,
+                                              const Opener& opener)
+{
+    std::vector<std::shared_ptr<kyNetSender>> branches;
+    for (const RelayTarget& target : setup.relayTargets) {
+        try {
+            branches.push_back(openBranch(application, target, setup.servicePort, opener));
+        } catch (const std::exception& e) {
+            kyLog::error("The scene cannot be relayed to server %d: %s", target.rank, e.what());
+        }
+    }
+    return branches.empty() ? nullptr : kyNetMultiSender::create(branches);
+}
+
+} // namespace render
