@@ -38,18 +38,6 @@ SceneRelay::Opener openByService(const std::shared_ptr<const SharedKey>& key)
     };
 }
 
-/// Ends what is left of a job: without its application a server has no purpose.
-struct EndOfJob
-{
-    kySocketPipe& pipe;
-    ChannelLobby& lobby;
-    ~EndOfJob()
-    {
-        lobby.close();
-        pipe.shutdown();
-    }
-};
-
 /// Ends what waits for the servers that a scene is relayed to.
 struct EndOfRelay
 {
@@ -152,7 +140,7 @@ void RenderServer::serve(Connection& connection)
     bool isOver = true;
     try {
         recvKey(connection.link);
-        isOver = converse(connection.link);
+        isOver = converse(connection);
     } catch (const kyConnectionClosed&) {
         // The usual end of a connection.
     } catch (const std::exception& e) {
@@ -160,6 +148,11 @@ void RenderServer::serve(Connection& connection)
     }
     if (isOver) {
         connection.link->shutdown();
+    }
+    if (connection.isApplication) {
+        // Without its application a server has no purpose.
+        m_lobby.close();
+        m_pipe.shutdown();
     }
     connection.isDone = true;
 }
@@ -172,11 +165,11 @@ void RenderServer::recvKey(const std::shared_ptr<kySocketLink>& link)
     KeyExchange::answer(link, m_key);
 }
 
-bool RenderServer::converse(const std::shared_ptr<kySocketLink>& link)
+bool RenderServer::converse(Connection& connection)
 {
-    kyNetStream stream(link);
+    kyNetStream stream(connection.link);
     try {
-        return converse(link, stream);
+        return converse(connection, stream);
     } catch (const kyConnectionClosed&) {
         throw;
     } catch (const std::exception& e) {
@@ -186,12 +179,12 @@ bool RenderServer::converse(const std::shared_ptr<kySocketLink>& link)
     }
 }
 
-bool RenderServer::converse(const std::shared_ptr<kySocketLink>& link, kyNetStream& stream)
+bool RenderServer::converse(Connection& connection, kyNetStream& stream)
 {
     Hello hello;
     stream >> hello;
-    link->setRecvTimeout(0.0);
-    const bool isFirst = m_lobby.admit(hello);
+    connection.link->setRecvTimeout(0.0);
+    connection.isApplication = m_lobby.admit(hello);
     stream.setRank(hello.rank);
     answerSuccess(stream);
 
@@ -199,16 +192,15 @@ bool RenderServer::converse(const std::shared_ptr<kySocketLink>& link, kyNetStre
         serveSync(stream);
         return true;
     }
-    m_lobby.keep(hello, link);
-    if (isFirst) {
+    m_lobby.keep(hello, connection.link);
+    if (connection.isApplication) {
         serveApplication(hello, stream);
     }
-    return isFirst;
+    return connection.isApplication;
 }
 
 void RenderServer::serveApplication(const Hello& application, kyNetStream& stream)
 {
-    const EndOfJob endOfJob{m_pipe, m_lobby};
     Setup setup;
     stream >> setup;
     if (!MethodCompressor::knows(setup.imageCompression)) {

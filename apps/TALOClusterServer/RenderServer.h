@@ -59,6 +59,7 @@ private:
     struct Connection
     {
         std::shared_ptr<kySocketLink> link;
+        bool isApplication = false; ///< The first one of the application; of its own thread.
         std::atomic<bool> isDone{false};
         std::thread thread;
     };
@@ -71,8 +72,8 @@ private:
     void recvKey(const std::shared_ptr<kySocketLink>& link);
 
     // Whether the connection is over; otherwise it goes on as part of a chain.
-    bool converse(const std::shared_ptr<kySocketLink>& link);
-    bool converse(const std::shared_ptr<kySocketLink>& link, kyNetStream& stream);
+    bool converse(Connection& connection);
+    bool converse(Connection& connection, kyNetStream& stream);
 
     void serveApplication(const Hello& application, kyNetStream& stream);
     void carryOut(std::int32_t rank, std::int32_t sceneSource, const RenderChannels& channels,
