@@ -14,15 +14,8 @@ namespace {
 
 using kyTest::keyText;
 using kyTest::messageOf;
+using kyTest::writeSecret;
 using std::filesystem::perms;
-
-/// A file that only its owner may read.
-std::string writeSecret(const kyTest::Folder& folder, const std::string& bytes)
-{
-    const std::string path = folder.write("key", bytes);
-    std::filesystem::permissions(path, perms::owner_read | perms::owner_write);
-    return path;
-}
 
 std::string failureOf(const std::string& path)
 {
@@ -37,7 +30,7 @@ TEST(SharedKey, digitsAreTheBytesOfTheKey)
     const std::string digits = "000102030405060708090a0B0c0D0e0f"
                                "f0f1f2f3f4f5f6f7f8f9fAfbFcfdfeff";
     for (const std::string& text : {digits, digits + "\n"}) {
-        const auto key = SharedKey::read(writeSecret(folder, text));
+        const auto key = SharedKey::read(writeSecret(folder, "key", text));
         for (std::size_t i = 0; i < 16; ++i) {
             EXPECT_EQ(key->getBytes()[i], i);
             EXPECT_EQ(key->getBytes()[16 + i], 0xf0 + i);
@@ -67,7 +60,7 @@ TEST(SharedKey, fileOfAnythingElseIsRefused)
                                  std::string(64, '\0'),
                                  std::string(1 << 20, 'a')};
     for (const std::string& text : texts) {
-        const std::string path = writeSecret(folder, text);
+        const std::string path = writeSecret(folder, "key", text);
         EXPECT_EQ(failureOf(path), "Key file '" + path + "' does not hold 64 hexadecimal digits")
             << text.substr(0, 100);
     }
@@ -76,7 +69,7 @@ TEST(SharedKey, fileOfAnythingElseIsRefused)
 TEST(SharedKey, fileThatOthersHaveRightsToIsRefused)
 {
     const kyTest::Folder folder;
-    const std::string path = writeSecret(folder, keyText("ab"));
+    const std::string path = writeSecret(folder, "key", keyText("ab"));
     for (const perms right : {perms::group_read, perms::group_write, perms::group_exec,
                               perms::others_read, perms::others_write, perms::others_exec}) {
         std::filesystem::permissions(path, perms::owner_read | right);
@@ -109,7 +102,7 @@ TEST(SharedKey, whatIsNoFileIsRefused)
 TEST(SharedKey, linkLeadsToTheFileWhoseRightsCount)
 {
     const kyTest::Folder folder;
-    const std::string path = writeSecret(folder, keyText("ab"));
+    const std::string path = writeSecret(folder, "key", keyText("ab"));
     std::filesystem::create_symlink(path, folder.path("link"));
     EXPECT_EQ(failureOf(folder.path("link")), "");
     std::filesystem::permissions(path, perms::owner_read | perms::others_read);
@@ -119,7 +112,7 @@ TEST(SharedKey, linkLeadsToTheFileWhoseRightsCount)
 TEST(SharedKey, environmentNamesTheFile)
 {
     const kyTest::Folder folder;
-    const std::string path = writeSecret(folder, keyText("ab"));
+    const std::string path = writeSecret(folder, "key", keyText("ab"));
     qunsetenv(SharedKey::s_fileVariable);
     EXPECT_EQ(SharedKey::readFromEnvironment(), nullptr);
     qputenv(SharedKey::s_fileVariable, QByteArray::fromStdString(path));
