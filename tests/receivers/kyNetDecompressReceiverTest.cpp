@@ -532,7 +532,7 @@ TEST(kyNetDecompressReceiver, shutdownWakesABlockedReceive)
 
 TEST(kyNetDecompressReceiver, wholeChainOverSeveralLinksKeepsTheOrderOfMulticasts)
 {
-    constexpr int s_count = 2000;
+    constexpr int s_count = 300;
     const CompressionSetting setting(kyNetCompression::Standard, kyNetCompression::None);
     const auto compressor = std::make_shared<ZCompressor>();
     std::vector<std::shared_ptr<kyNetLink>> peers;
