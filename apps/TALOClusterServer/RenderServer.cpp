@@ -208,7 +208,7 @@ void RenderServer::serveApplication(const Hello& application, kyNetStream& strea
                          std::to_string(static_cast<std::int32_t>(setup.imageCompression)));
     }
     const RenderChannels channels = m_lobby.waitForChannels(s_channelTimeout);
-    const auto relay = SceneRelay::open(application, setup, m_opener);
+    const auto relay = SceneRelay::open(application, setup, m_opener, m_key);
     kyNetOptions::setImageCompression(setup.imageCompression);
     answerSuccess(stream);
     // From here on only the chains read and write the channels.

@@ -8,17 +8,20 @@
 #include <NetBase/serialization/kyNetStream.h>
 #include <Utils/kyLog.h>
 #include <apps/TALOClusterServer/RelayBranch.h>
+#include <apps/common/KeyExchange.h>
 
 namespace render {
 
 namespace {
 
-/// Seconds that a target has for its answer to a Hello.
+/// Seconds that a target has for each of its answers.
 constexpr double s_helloTimeout = 30.0;
 
-void introduce(const std::shared_ptr<kySocketLink>& link, const Hello& hello)
+void introduce(const std::shared_ptr<kySocketLink>& link, const Hello& hello,
+               const std::shared_ptr<const SharedKey>& key)
 {
     link->setRecvTimeout(s_helloTimeout);
+    KeyExchange::offer(link, key);
     kyNetStream stream(link);
     stream << hello;
     stream.flush();
@@ -27,7 +30,8 @@ void introduce(const std::shared_ptr<kySocketLink>& link, const Hello& hello)
 }
 
 std::shared_ptr<kyNetSender> openBranch(const Hello& application, const RelayTarget& target,
-                                        std::uint16_t port, const SceneRelay::Opener& opener)
+                                        std::uint16_t port, const SceneRelay::Opener& opener,
+                                        const std::shared_ptr<const SharedKey>& key)
 {
     Hello hello = application;
     hello.type = kyNodeConnectionType::Image;
@@ -37,7 +41,7 @@ std::shared_ptr<kyNetSender> openBranch(const Hello& application, const RelayTar
     std::vector<std::shared_ptr<kyNetLink>> links;
     for (int i = 0; i < channels; ++i) {
         const std::shared_ptr<kySocketLink> link = opener(port, target.serverId);
-        introduce(link, hello);
+        introduce(link, hello, key);
         links.push_back(link);
     }
     const auto rank = static_cast<unsigned int>(target.rank);
@@ -47,12 +51,13 @@ std::shared_ptr<kyNetSender> openBranch(const Hello& application, const RelayTar
 } // namespace
 
 std::shared_ptr<kyNetSender> SceneRelay::open(const Hello& application, const Setup& setup,
-                                              const Opener& opener)
+                                              const Opener& opener,
+                                              const std::shared_ptr<const SharedKey>& key)
 {
     std::vector<std::shared_ptr<kyNetSender>> branches;
     for (const RelayTarget& target : setup.relayTargets) {
         try {
-            branches.push_back(openBranch(application, target, setup.servicePort, opener));
+            branches.push_back(openBranch(application, target, setup.servicePort, opener, key));
         } catch (const std::exception& e) {
             kyLog::error("The scene cannot be relayed to server %d: %s", target.rank, e.what());
         }

@@ -6,6 +6,7 @@
 
 #include <apps/common/RenderProtocol.h>
 
+class SharedKey;
 class kyNetSender;
 class kySocketLink;
 
@@ -21,11 +22,12 @@ public:
     using Opener =
         std::function<std::shared_ptr<kySocketLink>(std::uint16_t port, std::uint32_t serverId)>;
 
-    /// Opens the channels, each with a Hello like the application's own, and makes one sender for
-    /// all targets (see RelayBranch). A target that cannot be reached is logged and left out: it
-    /// gets the scene from the application. Empty if there is none. Blocks. Never throws.
+    /// Opens the channels, each with the key and a Hello like the application's own, and makes one
+    /// sender for all targets (see RelayBranch). A target that cannot be reached is logged and left
+    /// out: it gets the scene from the application. Empty if there is none. Blocks. Never throws.
     static std::shared_ptr<kyNetSender> open(const Hello& application, const Setup& setup,
-                                             const Opener& opener);
+                                             const Opener& opener,
+                                             const std::shared_ptr<const SharedKey>& key);
 };
 
 } // namespace render
