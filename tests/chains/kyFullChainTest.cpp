@@ -258,7 +258,39 @@ TEST(kyFullChain, valuesAndTextsOfAStream)
     writing.get();
 }
 
-// As docs/chains.md recommends it: an application with two channels to each of two servers.
+// The chains of docs/chains.md: large buffers are compressed and queued, small ones leave at once.
+TEST(kyFullChain, largeAndSmallOverTwoKindsOfChannels)
+{
+    constexpr std::uint32_t s_count = 20000;
+    const Channels channels(6);
+    const Links image(channels.near.begin(), channels.near.begin() + 4);
+    const Links lowLatency(channels.near.begin() + 4, channels.near.end());
+    kyNetStream stream;
+    stream.setRank(1);
+    stream.setSender(kyNetSwitchSender::create(
+        makeFullSender(image, {2}),
+        kyNetLockedSender::create(kyNetSender::createBundle(lowLatency, false, {2})), 200));
+    const auto receiver = makeFullReceiver(channels.far);
+    auto sending = std::async(std::launch::async, [&] {
+        for (std::uint32_t number = 0; number < s_count; ++number) {
+            sendNumbered(stream, number);
+        }
+        stream.waitAllDataTransfered();
+        stream.shutdown();
+    });
+    Buffer buffer;
+    for (std::uint32_t number = 0; number < s_count;) {
+        try {
+            receiver->recv(buffer);
+            ASSERT_TRUE(hasContentOf(number++, *buffer));
+        } catch (const kyConnectionClosed&) {
+            // One of the links has ended.
+        }
+    }
+    sending.get();
+}
+
+// The same document's: one compression for several ranks, each with two kinds of channels.
 TEST(kyFullChain, severalThreadsSendToSeveralRanksOverSeveralChannels)
 {
     constexpr std::uint32_t s_count = 3000;
