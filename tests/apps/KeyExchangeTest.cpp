@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sodium.h>
 
 #include <NetBase/buffers/kyConnectionClosed.h>
 #include <NetBase/buffers/kyConnectionTimeout.h>
@@ -126,12 +127,44 @@ struct Recording
         proof = pass(*client.server, *server.client);
         EXPECT_EQ(offered.get(), s_success);
         EXPECT_EQ(answered.get(), s_success);
+
+        const Buffer zeros = makeBuffer(std::string(100, '\0'));
+        client.client->send(zeros);
+        client.server->recv(toServer);
+        server.server->send(zeros);
+        server.client->recv(toClient);
     }
 
     Buffer hello;
     Buffer challenge;
     Buffer proof;
+    Buffer toServer; ///< the first encrypted one, 100 bytes of zeros
+    Buffer toClient; ///< the same of the other direction
 };
+
+/// The keyed hash of a text and both sides' random bytes.
+std::string hashOf(const std::string& text, const std::string& client, const std::string& server)
+{
+    const std::string input = text + client + server;
+    const Key key = makeKey(1);
+    std::string hash(SharedKey::s_size, '\0');
+    crypto_generichash(reinterpret_cast<unsigned char*>(hash.data()), hash.size(),
+                       reinterpret_cast<const unsigned char*>(input.data()), input.size(),
+                       key->getBytes().data(), key->getBytes().size());
+    return hash;
+}
+
+/// What the first buffer of a direction, 100 bytes of zeros, is encrypted to: behind its size the
+/// header has 16 bytes more.
+std::string keyStreamOf(const std::string& key)
+{
+    const std::string nonce(crypto_stream_chacha20_NONCEBYTES, '\0');
+    std::string stream(116, '\0');
+    crypto_stream_chacha20(reinterpret_cast<unsigned char*>(stream.data()), stream.size(),
+                           reinterpret_cast<const unsigned char*>(nonce.data()),
+                           reinterpret_cast<const unsigned char*>(key.data()));
+    return stream.substr(16);
+}
 
 /// What a client that was made by hand hears first, having sent its offer.
 std::pair<Bytes, Bytes> getChallenge(const Link& link)
@@ -158,6 +191,25 @@ TEST(KeyExchange, bothEndsGetACipherThatFits)
         EXPECT_EQ(transfer(ends.server, ends.client, text), text);
     }
     EXPECT_EQ(observe(ends.client, ends.server, "xxxxxxxxxxxxxxxx").find("xx"), std::string::npos);
+}
+
+TEST(KeyExchange, bytesAreTheDocumentedOnes)
+{
+    const Recording recording(makeKey(1));
+    const std::string hello = dataOf(*recording.hello);
+    const std::string challenge = dataOf(*recording.challenge);
+    ASSERT_EQ(hello.size(), 40U);
+    ASSERT_EQ(challenge.size(), 65U);
+    EXPECT_EQ(hello.substr(0, 8), "taloKey1");
+    EXPECT_EQ(challenge[0], 1);
+    const std::string client = hello.substr(8);
+    const std::string server = challenge.substr(1, 32);
+    EXPECT_EQ(challenge.substr(33), hashOf("talo key 1: server's proof", client, server));
+    EXPECT_EQ(dataOf(*recording.proof), hashOf("talo key 1: client's proof", client, server));
+    EXPECT_EQ(dataOf(*recording.toServer),
+              keyStreamOf(hashOf("talo key 1: from client to server", client, server)));
+    EXPECT_EQ(dataOf(*recording.toClient),
+              keyStreamOf(hashOf("talo key 1: from server to client", client, server)));
 }
 
 TEST(KeyExchange, serverMaySpeakFirstAfterwards)

@@ -14,7 +14,6 @@ namespace {
 
 using kyTest::keyText;
 using kyTest::messageOf;
-using kyTest::writeSecret;
 using std::filesystem::perms;
 
 std::string failureOf(const std::string& path)
@@ -30,7 +29,7 @@ TEST(SharedKey, digitsAreTheBytesOfTheKey)
     const std::string digits = "000102030405060708090a0B0c0D0e0f"
                                "f0f1f2f3f4f5f6f7f8f9fAfbFcfdfeff";
     for (const std::string& text : {digits, digits + "\n"}) {
-        const auto key = SharedKey::read(writeSecret(folder, "key", text));
+        const auto key = SharedKey::read(folder.writeSecret("key", text));
         for (std::size_t i = 0; i < 16; ++i) {
             EXPECT_EQ(key->getBytes()[i], i);
             EXPECT_EQ(key->getBytes()[16 + i], 0xf0 + i);
@@ -60,7 +59,7 @@ TEST(SharedKey, fileOfAnythingElseIsRefused)
                                  std::string(64, '\0'),
                                  std::string(1 << 20, 'a')};
     for (const std::string& text : texts) {
-        const std::string path = writeSecret(folder, "key", text);
+        const std::string path = folder.writeSecret("key", text);
         EXPECT_EQ(failureOf(path), "Key file '" + path + "' does not hold 64 hexadecimal digits")
             << text.substr(0, 100);
     }
@@ -69,7 +68,7 @@ TEST(SharedKey, fileOfAnythingElseIsRefused)
 TEST(SharedKey, fileThatOthersHaveRightsToIsRefused)
 {
     const kyTest::Folder folder;
-    const std::string path = writeSecret(folder, "key", keyText("ab"));
+    const std::string path = folder.writeSecret("key", keyText("ab"));
     for (const perms right : {perms::group_read, perms::group_write, perms::group_exec,
                               perms::others_read, perms::others_write, perms::others_exec}) {
         std::filesystem::permissions(path, perms::owner_read | right);
@@ -102,7 +101,7 @@ TEST(SharedKey, whatIsNoFileIsRefused)
 TEST(SharedKey, linkLeadsToTheFileWhoseRightsCount)
 {
     const kyTest::Folder folder;
-    const std::string path = writeSecret(folder, "key", keyText("ab"));
+    const std::string path = folder.writeSecret("key", keyText("ab"));
     std::filesystem::create_symlink(path, folder.path("link"));
     EXPECT_EQ(failureOf(folder.path("link")), "");
     std::filesystem::permissions(path, perms::owner_read | perms::others_read);
@@ -112,7 +111,7 @@ TEST(SharedKey, linkLeadsToTheFileWhoseRightsCount)
 TEST(SharedKey, environmentNamesTheFile)
 {
     const kyTest::Folder folder;
-    const std::string path = writeSecret(folder, "key", keyText("ab"));
+    const std::string path = folder.writeSecret("key", keyText("ab"));
     qunsetenv(SharedKey::s_fileVariable);
     EXPECT_EQ(SharedKey::readFromEnvironment(), nullptr);
     qputenv(SharedKey::s_fileVariable, QByteArray::fromStdString(path));

@@ -2,12 +2,10 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <string>
 
 #include <apps/common/SharedKey.h>
-#include <tests/apps/kyTestFolder.h>
 
 namespace kyTest {
 
@@ -27,16 +25,6 @@ inline std::string keyText(const std::string& digits)
         text += digits;
     }
     return text;
-}
-
-/// Makes a file that only its owner may read, and returns its path.
-inline std::string writeSecret(const Folder& folder, const std::string& name,
-                               const std::string& bytes)
-{
-    using std::filesystem::perms;
-    const std::string path = folder.write(name, bytes);
-    std::filesystem::permissions(path, perms::owner_read | perms::owner_write);
-    return path;
 }
 
 } // namespace kyTest

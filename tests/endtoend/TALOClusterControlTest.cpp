@@ -261,7 +261,7 @@ TEST(TALOClusterControl, nodesAreReachedThroughARelay)
 TEST(TALOClusterControl, keyOpensTheNodesThatHoldIt)
 {
     const kyTest::Folder folder;
-    const std::string key = kyTest::writeSecret(folder, "key", kyTest::keyText("01"));
+    const std::string key = folder.writeSecret("key", kyTest::keyText("01"));
     Node node({"--key", key});
     EXPECT_EQ(controlJson({"start", "--node", node.name(), "--key", key})[0]["server"], 1);
     EXPECT_EQ(controlJson({"--key", key, "status", "--node", node.name(), "--via",
@@ -275,8 +275,8 @@ TEST(TALOClusterControl, keyOpensTheNodesThatHoldIt)
 TEST(TALOClusterControl, keyThatDoesNotFitIsAFailureOfThatNode)
 {
     const kyTest::Folder folder;
-    const std::string key = kyTest::writeSecret(folder, "key", kyTest::keyText("01"));
-    const std::string other = kyTest::writeSecret(folder, "other", kyTest::keyText("02"));
+    const std::string key = folder.writeSecret("key", kyTest::keyText("01"));
+    const std::string other = folder.writeSecret("other", kyTest::keyText("02"));
     Node keyed({"--key", key});
     Node open;
     const auto errorsOf = [&](Arguments arguments) {

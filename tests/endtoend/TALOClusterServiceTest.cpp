@@ -181,7 +181,7 @@ public:
 
 private:
     const kyTest::Folder m_folder;
-    const std::string m_file = kyTest::writeSecret(m_folder, "key", kyTest::keyText("01") + "\n");
+    const std::string m_file = m_folder.writeSecret("key", kyTest::keyText("01") + "\n");
     const Key m_key = kyTest::makeKey(1);
 };
 
@@ -909,7 +909,7 @@ TEST(TALOClusterService, serversOfAServiceWithoutKeyLearnNone)
 TEST(TALOClusterService, keyFileThatIsNoneIsAFailure)
 {
     const kyTest::Folder folder;
-    const std::string path = kyTest::writeSecret(folder, "key", "secret");
+    const std::string path = folder.writeSecret("key", "secret");
     const kyTest::ProgramResult result =
         kyTest::runProgram(daemonPath(), {"--port", "0", "--key", path});
     EXPECT_EQ(result.exitCode, 1);
