@@ -1,9 +1,12 @@
 #include <apps/TALOClusterServer/SceneRelay.h>
 
 #include <exception>
+#include <limits>
 #include <vector>
 
 #include <NetBase/links/kySocketLink.h>
+#include <NetBase/senders/kyNetBufferedSender.h>
+#include <NetBase/senders/kyNetLinkSender.h>
 #include <NetBase/senders/kyNetMultiSender.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <Utils/kyLog.h>
@@ -16,6 +19,10 @@ namespace {
 
 /// Seconds that a target has for each of its answers.
 constexpr double s_helloTimeout = 30.0;
+
+/// Buffers that may wait for one target: any number. One that hangs must hold up neither the others
+/// nor this server's own reading, and what waits is no more than the scene, which is kept anyway.
+constexpr int s_queueLimit = std::numeric_limits<int>::max();
 
 void introduce(const std::shared_ptr<kySocketLink>& link, const Hello& hello,
                const std::shared_ptr<const SharedKey>& key)
@@ -38,14 +45,14 @@ std::shared_ptr<kyNetSender> openBranch(const Hello& application, const RelayTar
     hello.source = application.rank;
     hello.rank = target.rank;
     const int channels = hello.channels.getChannels(hello.type);
-    std::vector<std::shared_ptr<kyNetLink>> links;
+    const auto rank = static_cast<unsigned int>(target.rank);
+    std::vector<std::shared_ptr<kyNetSender>> leaves;
     for (int i = 0; i < channels; ++i) {
         const std::shared_ptr<kySocketLink> link = opener(port, target.serverId);
         introduce(link, hello, key);
-        links.push_back(link);
+        leaves.push_back(kyNetLinkSender::create(link, {rank}));
     }
-    const auto rank = static_cast<unsigned int>(target.rank);
-    return std::make_shared<RelayBranch>(kyNetSender::createBundle(links, true, {rank}));
+    return std::make_shared<RelayBranch>(kyNetBufferedSender::create(leaves, s_queueLimit));
 }
 
 } // namespace
