@@ -573,14 +573,10 @@ public:
         }
     }
 
-    /// Whether the server has filled the first image channel's sockets.
+    /// Whether all sockets and queues between the two are full.
     bool isStuck()
     {
-        auto& image = dynamic_cast<kySocketLink&>(*m_application.channels.image.front());
-        return kyTest::waitUntil([&] {
-            const std::uint64_t before = waiting(image);
-            return before > 100'000 && !hasGrown(image, before);
-        });
+        return kyTest::isStuck(dynamic_cast<kySocketLink&>(*m_application.channels.image.front()));
     }
 
     void close() { m_application.channels.image.front()->shutdown(); }
@@ -603,18 +599,6 @@ private:
         (message << ... << values);
         kyNetStream stream(m_application.channels.lowLatency.front());
         stream.sendMessage(message, 2, kyNetBufferSendMode::Automatic);
-    }
-
-    static std::uint64_t waiting(kySocketLink& link)
-    {
-        std::vector<char> bytes(8 << 20);
-        return link.peekAvailable(bytes.data(), bytes.size());
-    }
-
-    static bool hasGrown(kySocketLink& link, std::uint64_t before)
-    {
-        return kyTest::waitUntil([&] { return waiting(link) > before; },
-                                 std::chrono::milliseconds(500));
     }
 
     TestApplication m_application;

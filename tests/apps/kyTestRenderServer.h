@@ -42,6 +42,20 @@ inline render::Hello makeHello(std::int32_t rank = render::s_firstServerRank)
     return hello;
 }
 
+/// Whether whoever sends on this link waits for somebody to read; waits until it does.
+inline bool isStuck(kySocketLink& link)
+{
+    const auto countWaiting = [&] {
+        std::vector<char> bytes(8 << 20);
+        return link.peekAvailable(bytes.data(), bytes.size());
+    };
+    return waitUntil([&] {
+        const std::uint64_t before = countWaiting();
+        const auto hasGrown = [&] { return countWaiting() > before; };
+        return before > 100'000 && !waitUntil(hasGrown, std::chrono::milliseconds(500));
+    });
+}
+
 /// A render server on a thread, and the service's end of its pipe.
 class TestServer
 {
