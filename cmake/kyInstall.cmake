@@ -10,7 +10,9 @@ foreach(folder NetBase Utils QtProcess VersionInfo)
         FILES_MATCHING PATTERN "*.h"
         PATTERN "platform" EXCLUDE
         PATTERN "kyNetClientVersion.h" EXCLUDE
+        PATTERN "kyNetFirstFailure.h" EXCLUDE
         PATTERN "kyNetMemParts.h" EXCLUDE
+        PATTERN "kyNetRecvQueue.h" EXCLUDE
         PATTERN "kyNetSendQueue.h" EXCLUDE
         PATTERN "kyNetServerFolder.h" EXCLUDE
         PATTERN "kySharedSocket.h" EXCLUDE)

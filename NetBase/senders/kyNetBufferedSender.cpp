@@ -17,15 +17,18 @@ using Buffer = std::shared_ptr<kyNetBuffer>;
 class Worker
 {
 public:
-    Worker(kyNetSendQueue& queue, kyNetSender& child) : m_queue(queue), m_child(child) {}
+    Worker(kyNetSendQueue& queue, kyNetSender& child)
+        : m_queue(queue), m_failure(queue.getFailure()), m_child(child)
+    {
+    }
 
     void run()
     {
-        m_queue.attempt(
+        m_failure.attempt(
             [this] { kyNetAffinityManager::setNodeAffinity(m_child.getNodeAffinity()); });
         do {
             m_taken = 0;
-            m_queue.attempt([this] {
+            m_failure.attempt([this] {
                 popUntilMaxSize(
                     static_cast<std::uint64_t>(kyNetOptions::getStreamBufferSize() / 2));
                 sendBatch();
@@ -40,11 +43,11 @@ private:
     /// empty.
     void popUntilMaxSize(std::uint64_t maxSize)
     {
+        const auto turn = m_queue.awaitTurn();
         Buffer buffer;
         m_queue.pop(buffer);
         std::uint64_t size = addToBatch(buffer);
-        while (size < maxSize && !m_queue.hasFailed() && !m_hasTakenEmpty &&
-               m_queue.tryPop(buffer)) {
+        while (size < maxSize && !m_failure.isSet() && !m_hasTakenEmpty && m_queue.tryPop(buffer)) {
             size += addToBatch(buffer);
         }
     }
@@ -62,7 +65,7 @@ private:
     void sendBatch()
     {
         Buffer out;
-        while (!m_queue.hasFailed() && kyNetBuffer::tryBundle(m_batch, out) &&
+        while (!m_failure.isSet() && kyNetBuffer::tryBundle(m_batch, out) &&
                out->getDataSize() != 0) {
             m_child.send(out);
         }
@@ -76,6 +79,7 @@ private:
     }
 
     kyNetSendQueue& m_queue;
+    kyNetFirstFailure& m_failure;
     kyNetSender& m_child;
     std::queue<Buffer> m_batch; // Kept between batches for its memory.
     std::uint64_t m_taken = 0;

@@ -26,7 +26,7 @@ kyNetCompressSender::create(const std::shared_ptr<kyNetCompressorBase>& compress
 
 void kyNetCompressSender::send(const std::shared_ptr<kyNetBuffer>& buffer)
 {
-    m_queue->rethrowFailure();
+    m_queue->getFailure().rethrowIfSet();
     // An empty buffer would end a worker.
     if (buffer->getDataSize() != 0 && m_compressor->shouldCompress(buffer)) {
         startWorkers();
@@ -54,10 +54,14 @@ void kyNetCompressSender::compressLoop(kyNetSendQueue& queue)
     bool isEnd = false;
     while (!isEnd) {
         std::shared_ptr<kyNetBuffer> buffer;
-        queue.pop(buffer);
+        {
+            const auto turn = queue.awaitTurn();
+            queue.pop(buffer);
+        }
         isEnd = buffer->getDataSize() == 0;
         if (!isEnd && !hasFailed) {
-            hasFailed = !queue.attempt([&] { sendToTarget(m_compressor->compress(buffer)); });
+            hasFailed =
+                !queue.getFailure().attempt([&] { sendToTarget(m_compressor->compress(buffer)); });
         }
         buffer.reset();
         queue.release(1);

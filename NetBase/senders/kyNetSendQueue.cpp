@@ -45,26 +45,31 @@ void kyNetSendQueue::startWorker(std::function<void()> work)
 
 void kyNetSendQueue::push(const Buffer& buffer)
 {
-    rethrowFailure();
-    enqueue(buffer);
+    m_failure.rethrowIfSet();
     // Who has waited may have been given room by a worker that drops everything.
-    rethrowFailure();
+    if (enqueue(buffer)) {
+        m_failure.rethrowIfSet();
+    }
 }
 
 void kyNetSendQueue::waitUntilReleased() const
 {
-    while (!hasFailed() && m_pending != 0) {
+    while (!m_failure.isSet() && m_pending != 0) {
         std::this_thread::yield();
     }
-    rethrowFailure();
+    m_failure.rethrowIfSet();
 }
 
-void kyNetSendQueue::enqueue(const Buffer& buffer)
+bool kyNetSendQueue::enqueue(const Buffer& buffer)
 {
     // Counted first, or the worker might be done with it before.
     ++m_pending;
     try {
+        if (m_buffers.try_push(buffer)) {
+            return false;
+        }
         m_buffers.push(buffer);
+        return true;
     } catch (...) {
         --m_pending;
         throw;

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <exception>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -23,7 +23,9 @@ class kyNetBuffer;
 ///     queue.startWorker([&] {
 ///         std::shared_ptr<kyNetBuffer> buffer;
 ///         do {
+///             auto turn = queue.awaitTurn();
 ///             queue.pop(buffer);
+///             turn.unlock();
 ///             ...
 ///             queue.release(1);
 ///         } while (!(isEmpty && queue.letsWorkersEnd()));
@@ -54,14 +56,20 @@ public:
     std::size_t countWorkers() const { return m_workers.size(); }
 
     /// Queues a buffer; blocks while there is no room. Throws the first failure, also one that
-    /// happens meanwhile; the buffer may be dropped then.
+    /// happens while it waits; the buffer is dropped then.
     void push(const Buffer& buffer);
 
     /// Blocks, busy but yielding, until all that was queued is passed on. Throws the first failure,
     /// and does not wait any longer then.
     void waitUntilReleased() const;
 
-    void rethrowFailure() const { m_failure.rethrowIfSet(); }
+    /// The first failure of a worker, for both sides.
+    kyNetFirstFailure& getFailure() { return m_failure; }
+
+    /// Waits until the calling worker may take buffers; it does so while it keeps the result. With
+    /// several waiting for buffers at once each is promised one of the next, and all wait for the
+    /// slowest to wake up: four idle workers took six times the processor time.
+    std::unique_lock<std::mutex> awaitTurn() { return std::unique_lock<std::mutex>(m_turn); }
 
     /// Takes the next buffer; blocks until there is one.
     void pop(Buffer& buffer) { m_buffers.pop(buffer); }
@@ -72,31 +80,20 @@ public:
     /// Says that so many of the taken buffers are passed on, or dropped.
     void release(std::uint64_t count) { m_pending -= count; }
 
-    /// Runs a step of a worker. What it throws is the failure, and the result false.
-    template <class Step> bool attempt(const Step& step) noexcept
-    {
-        try {
-            step();
-            return true;
-        } catch (...) {
-            m_failure.store(std::current_exception());
-            return false;
-        }
-    }
-
-    bool hasFailed() const { return m_failure.isSet(); }
-
     /// Whether an empty buffer ends its worker: after a failure one that a caller has sent does
     /// not, since others may still wait for room.
-    bool letsWorkersEnd() const { return m_isEnding || !hasFailed(); }
+    bool letsWorkersEnd() const { return m_isEnding || !m_failure.isSet(); }
 
 private:
-    void enqueue(const Buffer& buffer);
+    /// Whether it had to wait for room.
+    bool enqueue(const Buffer& buffer);
+
     void dropWaiting();
 
     tbb::concurrent_bounded_queue<Buffer> m_buffers;
     std::atomic<std::uint64_t> m_pending{0};
     kyNetFirstFailure m_failure;
     std::atomic<bool> m_isEnding{false};
+    std::mutex m_turn;
     std::vector<std::thread> m_workers;
 };

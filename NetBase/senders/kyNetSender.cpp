@@ -33,10 +33,12 @@ kyNetSender::kyNetSender(const std::shared_ptr<kyNetSender>& first,
 kyNetSender::~kyNetSender() = default;
 
 std::shared_ptr<kyNetSender>
+// Intended: a list of its own. NOLINTNEXTLINE(performance-unnecessary-value-param)
 kyNetSender::createBundle(std::vector<std::shared_ptr<kyNetLink>> links, bool buffered,
                           const std::set<unsigned int>& destinations)
 {
     std::vector<std::shared_ptr<kyNetSender>> leaves;
+    leaves.reserve(links.size());
     for (const auto& link : links) {
         leaves.push_back(kyNetLinkSender::create(link, destinations));
     }

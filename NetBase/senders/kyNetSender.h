@@ -25,10 +25,11 @@ class kyNetLink;
 /// Ownership: make senders with their create, hold them by std::shared_ptr. A parent shares its
 /// children, so one child may stand below several parents, and copies share them too.
 ///
-/// Threads: one thread at a time may send through a chain, unless kyNetLockedSender stands above
-/// it. shutdown may be called by any thread.
+/// Threads: one thread at a time may send through a chain, unless a kyNetLockedSender or a sender
+/// with threads of its own stands above it. shutdown may be called by any thread.
 ///
-/// Failures: what a link throws passes through every sender unchanged.
+/// Failures: what a link throws passes through every sender unchanged; through one with threads of
+/// its own with a later call.
 class KY_NETBASE_EXPORT kyNetSender
 {
 public:

@@ -308,6 +308,8 @@ void kyNetService::relay(const std::shared_ptr<kyNetLink>& client, const std::st
             stream.flush();
             return;
         }
+        // Buffers are passed on as they are: a cipher is now the affair of the two ends.
+        client->setCipher(nullptr);
         // The answer is out before anything that the other service says can be.
         std::thread(connectLinks, client, remote).detach();
         try {

@@ -35,7 +35,8 @@ class kySocketLink;
 ///     7 stop servers   booking id                            success
 ///
 /// After 1 and 2 the connection leads to the render server, which got it over its pipe; after 4
-/// to the other service. A request that fails is answered with its exception.
+/// to the other service, and a cipher that the client's link had for the request is gone. A request
+/// that fails is answered with its exception.
 ///
 /// The switches of a start request are hasDisplay (from version 9.0), flagZ, flagT, flagTA,
 /// the booking id (from 9.2) and isStereo (from 10.0). A client newer than the service is refused.

@@ -5,6 +5,7 @@
 #include <exception>
 #include <functional>
 #include <future>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -19,6 +20,7 @@
 #include <apps/common/CommandLine.h>
 #include <apps/common/NodeAddress.h>
 #include <apps/common/ServiceClient.h>
+#include <apps/common/SharedKey.h>
 #include <apps/common/platform/Terminal.h>
 
 namespace {
@@ -31,6 +33,8 @@ struct Arguments
 {
     std::vector<std::string> nodes;
     std::string relay;
+    std::optional<std::string> keyFile;
+    std::shared_ptr<const SharedKey> key;
     bool asJson = false;
     ServiceClient::ServerSettings server;
     std::uint32_t serverId = 0;
@@ -138,7 +142,7 @@ std::vector<NodeReport> askAll(const Arguments& arguments)
     std::vector<std::future<NodeReport>> answers;
     for (const std::string& node : arguments.nodes) {
         answers.push_back(std::async(std::launch::async, ask,
-                                     ServiceClient(NodeAddress::parse(node), relay),
+                                     ServiceClient(NodeAddress::parse(node), relay, arguments.key),
                                      arguments.operation));
     }
     std::vector<NodeReport> reports;
@@ -190,6 +194,8 @@ int main(int argc, char** argv)
         ->default_str("127.0.0.1:" + std::to_string(kyNetOptions::getDefaultServicePort()));
     program.add_option("--via", arguments.relay, "Service through which the nodes are reached")
         ->check(readableBy(&NodeAddress::parse, "HOST[:PORT]"));
+    program.add_option("--key", arguments.keyFile,
+                       "File with the key that the services hold, the relay's included");
     program.add_flag("--json", arguments.asJson, "Print the answers as JSON");
     describeQuestions(program, arguments);
     describeStart(program, arguments);
@@ -205,6 +211,7 @@ int main(int argc, char** argv)
     }
 
     try {
+        arguments.key = arguments.keyFile ? SharedKey::read(*arguments.keyFile) : nullptr;
         if (arguments.isRepeated) {
             watch(arguments);
         }

@@ -2,21 +2,47 @@
 
 #include <chrono>
 #include <exception>
-#include <string>
 #include <utility>
 
+#include <NetBase/buffers/kyConnectionClosed.h>
+#include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetError.h>
+#include <NetBase/receivers/kyNetReceiver.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <apps/TALOClusterServer/FrameGate.h>
-#include <apps/TALOClusterServer/ImageChannels.h>
 #include <apps/TALOClusterServer/PathTracer.h>
-#include <apps/common/RenderProtocol.h>
 #include <apps/common/SceneWire.h>
 
 namespace render {
 
-OrderBook::OrderBook(kyNetStream& channel, ImageChannels& images, FrameGate& gate)
-    : m_channel(channel), m_images(images), m_gate(gate), m_worker(&OrderBook::work, this)
+namespace {
+
+constexpr std::size_t s_framesInWork = 2;
+
+/// The text of a failure; an empty one would be a success.
+std::string textOf(const std::exception& e)
+{
+    const std::string text = e.what();
+    return text.empty() ? "Unknown failure" : text;
+}
+
+kyNetError unknownOrder(Order order)
+{
+    return kyNetError("Unknown order " + std::to_string(static_cast<std::uint32_t>(order)));
+}
+
+Answer answerTo(Order order, std::string failure = {})
+{
+    Answer answer;
+    answer.order = order;
+    answer.failure = std::move(failure);
+    return answer;
+}
+
+} // namespace
+
+OrderBook::OrderBook(kyNetStream& stream, FrameGate& gate)
+    : m_stream(stream), m_gate(gate), m_worker(&OrderBook::work, this)
 {
 }
 
@@ -29,61 +55,147 @@ void OrderBook::run()
 {
     try {
         for (;;) {
-            add(readOrder());
+            takeOrder();
         }
+    } catch (const kyConnectionClosed&) {
+        // The application is gone, as it is at the end of every job.
     } catch (const std::exception& e) {
-        // The worker is gone after this, so the channel may be written to from here.
-        stop();
-        try {
-            m_channel.clearSendBuffer();
-            m_channel.sendException(e).flush();
-        } catch (const std::exception&) {
-            // The application itself is gone, as it is at the end of every job.
-        }
+        sayLast(answerTo(Order::None, textOf(e)));
+    }
+    stop();
+}
+
+void OrderBook::addScene(Scene scene)
+{
+    // By pointer: a function object is copied, a scene shall not be.
+    const auto shared = std::make_shared<Scene>(std::move(scene));
+    add({answerTo(Order::LoadScene), [this, shared](Answer&) { loadScene(std::move(*shared)); }});
+}
+
+void OrderBook::refuseScene(const std::string& failure)
+{
+    add({answerTo(Order::LoadScene, failure), {}});
+}
+
+Scene OrderBook::recvScene(kyNetStream& stream)
+{
+    auto order = Order();
+    stream >> order;
+    if (order != Order::LoadScene) {
+        throw unknownOrder(order);
+    }
+    return getScene(stream);
+}
+
+void OrderBook::takeOrder()
+{
+    std::shared_ptr<kyNetBuffer> buffer;
+    m_stream.getReceiver()->recv(buffer);
+    checkLimit();
+    if (buffer->getType() == kyNetMessageType::Message) {
+        takeMessage(buffer);
+    } else if (buffer->getType() != kyNetMessageType::StreamData) {
+        throw kyNetError("Received a buffer that is no order");
+    } else if (buffer->getDataSize() > 0) {
+        // A flush behind a full buffer sends an empty one, which says nothing.
+        m_stream.setRecvBuffer(buffer);
+        addScene(recvScene(m_stream));
     }
 }
 
-OrderBook::Job OrderBook::readOrder()
+void OrderBook::takeMessage(const std::shared_ptr<kyNetBuffer>& buffer)
+{
+    kyNetMessage message;
+    message.setRecvBuffer(buffer);
+    Job job;
+    try {
+        readMessage(message, job.answer, job.work);
+    } catch (const std::exception& e) {
+        job.answer.failure = textOf(e);
+    }
+    const bool isDone = job.answer.order == Order::BeginFrame && job.answer.failure.empty();
+    if (!isDone) {
+        add(std::move(job));
+    }
+}
+
+void OrderBook::readMessage(kyNetMessage& message, Answer& answer, Work& work)
 {
     auto order = Order();
-    m_channel >> order;
+    message >> order;
     switch (order) {
-    case Order::LoadScene: {
-        // By pointer: a function object is copied, a scene shall not be.
-        const auto scene = std::make_shared<Scene>(getScene(m_channel));
-        return [this, scene] {
-            // First without the old one: there may not be room for both.
-            m_tracer.reset();
-            m_tracer = std::make_unique<PathTracer>(std::move(*scene));
-        };
-    }
     case Order::BeginFrame: {
-        std::int32_t number = 0;
         Frame frame;
-        m_channel >> number >> frame;
-        checkFrame(frame);
-        return [this, number, frame] {
-            m_frame = frame;
-            m_gate.reach(number);
-        };
+        answer.order = order;
+        message >> answer.frame >> frame;
+        beginFrame(answer.frame, frame);
+        return;
     }
     case Order::RenderTile: {
-        Tile tile;
-        m_channel >> tile;
-        return [this, tile] { renderTile(tile); };
+        answer.order = order;
+        message >> answer.frame >> answer.tile;
+        // The worker may come to it when the next frames have begun.
+        const Frame frame = findFrame(answer.frame);
+        checkTile(answer.tile, frame);
+        work = [this, frame](Answer& result) { renderTile(frame, result); };
+        return;
     }
+    case Order::ReportTraffic:
+        answer.order = order;
+        work = [this](Answer& result) { reportTraffic(result); };
+        return;
+    case Order::None:
+    case Order::LoadScene:
+        break;
     }
-    throw kyNetError("Unknown order " + std::to_string(static_cast<std::uint32_t>(order)));
+    throw unknownOrder(order);
+}
+
+void OrderBook::beginFrame(std::int32_t number, const Frame& frame)
+{
+    checkFrame(frame);
+    m_frames.push_back({number, frame});
+    if (m_frames.size() > s_framesInWork) {
+        m_frames.pop_front();
+    }
+    m_gate.reach(number);
+}
+
+Frame OrderBook::findFrame(std::int32_t number) const
+{
+    for (const NumberedFrame& each : m_frames) {
+        if (each.number == number) {
+            return each.frame;
+        }
+    }
+    throw kyNetError("Frame " + std::to_string(number) + " is not in work");
 }
 
 void OrderBook::add(Job job)
 {
     const std::lock_guard<std::mutex> guard(m_lock);
+    m_jobs.push_back(std::move(job));
+    m_changed.notify_all();
+}
+
+void OrderBook::checkLimit()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
     if (m_jobs.size() >= s_limit) {
         throw kyNetError("More than " + std::to_string(s_limit) + " orders wait");
     }
-    m_jobs.push_back(std::move(job));
+}
+
+void OrderBook::sayLast(Answer answer)
+{
+    // By the worker, as only that writes, and not for ever: the application may have stopped
+    // reading long ago.
+    std::unique_lock<std::mutex> guard(m_lock);
+    m_lastAnswer = std::move(answer);
+    m_isStopped = true;
     m_changed.notify_all();
+    m_changed.wait_for(guard, std::chrono::duration<double>(s_lastAnswerTimeout),
+                       [this] { return m_isWorkerDone; });
 }
 
 void OrderBook::stop()
@@ -93,8 +205,8 @@ void OrderBook::stop()
         m_isStopped = true;
         m_changed.notify_all();
     }
-    // The worker may be waiting for an application that reads its tiles no more.
-    m_images.close();
+    // The worker may be waiting for an application that reads its answers no more.
+    m_stream.shutdown();
     if (m_worker.joinable()) {
         m_worker.join();
     }
@@ -102,15 +214,22 @@ void OrderBook::stop()
 
 void OrderBook::work()
 {
-    Job job;
     try {
+        Job job;
         while (take(job)) {
             perform(job);
         }
+        if (m_lastAnswer) {
+            send(*m_lastAnswer);
+            m_stream.waitAllDataTransfered();
+        }
     } catch (const std::exception&) {
         // No answer gets through: let the reader notice too.
-        m_channel.shutdown();
+        m_stream.shutdown();
     }
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_isWorkerDone = true;
+    m_changed.notify_all();
 }
 
 bool OrderBook::take(Job& job)
@@ -125,35 +244,50 @@ bool OrderBook::take(Job& job)
     return true;
 }
 
-void OrderBook::perform(const Job& job)
+void OrderBook::perform(Job& job)
 {
     const auto begin = std::chrono::steady_clock::now();
     try {
-        job();
-        if (m_isStopped) {
-            return;
+        if (job.work) {
+            job.work(job.answer);
         }
-        m_channel.sendSuccess();
-        m_channel
-            << std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     } catch (const std::exception& e) {
-        m_channel.sendException(e);
+        job.answer.failure = textOf(e);
     }
-    m_channel.flush();
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+    job.answer.seconds = seconds.count();
+    if (!m_isStopped) {
+        send(job.answer);
+    }
 }
 
-void OrderBook::renderTile(const Tile& tile)
+void OrderBook::send(const Answer& answer)
+{
+    AnswerMessage message;
+    message.putAnswer(answer);
+    m_stream.sendMessage(message, s_applicationRank, kyNetBufferSendMode::Automatic);
+}
+
+void OrderBook::loadScene(Scene scene)
+{
+    // First without the old one: there may not be room for both.
+    m_tracer.reset();
+    m_tracer = std::make_unique<PathTracer>(std::move(scene));
+}
+
+void OrderBook::renderTile(const Frame& frame, Answer& answer)
 {
     if (!m_tracer) {
         throw kyNetError("There is no scene to render");
     }
-    checkTile(tile, m_frame);
-    const std::vector<Vector> pixels = m_tracer->render(m_frame, tile, m_isStopped);
-    if (!m_isStopped) {
-        TileMessage message;
-        message.putTile(tile, pixels);
-        m_images.send(message);
-    }
+    answer.pixels = m_tracer->render(frame, answer.tile, m_isStopped);
+}
+
+void OrderBook::reportTraffic(Answer& answer)
+{
+    m_stream.waitAllDataTransfered();
+    answer.sentBytes = m_stream.getSentBytes();
+    answer.compressedBytes = m_stream.getCompressedBytes();
 }
 
 } // namespace render

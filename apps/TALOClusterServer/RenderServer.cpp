@@ -1,31 +1,53 @@
 #include <apps/TALOClusterServer/RenderServer.h>
 
 #include <exception>
+#include <optional>
+#include <utility>
 
 #include <NetBase/buffers/kyConnectionClosed.h>
 #include <NetBase/buffers/kyConnectionTimeout.h>
 #include <NetBase/buffers/kyNetError.h>
+#include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/links/kySocketLink.h>
+#include <NetBase/senders/kyNetSender.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <Utils/kyLog.h>
 #include <apps/TALOClusterServer/OrderBook.h>
+#include <apps/TALOClusterServer/SceneInlet.h>
+#include <apps/common/KeyExchange.h>
+#include <apps/common/MethodCompressor.h>
+#include <apps/common/ServiceClient.h>
 
 namespace render {
 
 namespace {
 
 constexpr std::chrono::seconds s_abandonedAfter{10};
-/// Seconds that a connection has for its Hello.
+/// Seconds that a connection has for each word up to its Hello.
 constexpr double s_helloTimeout = 30.0;
+/// Seconds that announced channels have to be opened once the application says what to set up.
+constexpr double s_channelTimeout = 30.0;
 /// Seconds between two looks whether anybody is still connected.
 constexpr double s_lookInterval = 1.0;
-constexpr int s_maxImageChannels = 64;
 
-/// Wakes the thread that runs: without its application a server has no purpose.
-struct ShutdownOnExit
+/// The way to another server of this node: through the service that started this one.
+SceneRelay::Opener openByService(const std::shared_ptr<const SharedKey>& key)
 {
-    kySocketPipe& pipe;
-    ~ShutdownOnExit() { pipe.shutdown(); }
+    return [key](std::uint16_t port, std::uint32_t serverId) {
+        return ServiceClient({"127.0.0.1", port}, std::nullopt, key).connectServer(serverId);
+    };
+}
+
+/// Ends what waits for the servers that a scene is relayed to.
+struct EndOfRelay
+{
+    std::shared_ptr<kyNetSender> relay;
+    ~EndOfRelay()
+    {
+        if (relay) {
+            relay->shutdown();
+        }
+    }
 };
 
 void answerSuccess(kyNetStream& stream)
@@ -36,14 +58,24 @@ void answerSuccess(kyNetStream& stream)
 
 } // namespace
 
-RenderServer::RenderServer(const std::string& socketPipe)
-    : m_pipe(socketPipe), m_lastConnected(std::chrono::steady_clock::now())
+RenderServer::RenderServer(const std::string& socketPipe, std::shared_ptr<const SharedKey> key)
+    : RenderServer(socketPipe, key, openByService(key))
+{
+}
+
+RenderServer::RenderServer(const std::string& socketPipe, std::shared_ptr<const SharedKey> key,
+                           SceneRelay::Opener opener)
+    : m_pipe(socketPipe),
+      m_key(std::move(key)),
+      m_opener(std::move(opener)),
+      m_lastConnected(std::chrono::steady_clock::now())
 {
 }
 
 RenderServer::~RenderServer()
 {
     m_gate.close();
+    m_lobby.close();
     for (Connection& connection : m_connections) {
         connection.link->shutdown();
     }
@@ -105,78 +137,103 @@ bool RenderServer::isAbandoned()
 
 void RenderServer::serve(Connection& connection)
 {
-    kyNetStream stream(connection.link);
+    bool isOver = true;
     try {
-        converse(*connection.link, stream);
+        recvKey(connection.link);
+        isOver = converse(connection);
     } catch (const kyConnectionClosed&) {
         // The usual end of a connection.
     } catch (const std::exception& e) {
         kyLog::error("A connection was refused: %s", e.what());
-        try {
-            stream.clearSendBuffer();
-            stream.sendException(e).flush();
-        } catch (const std::exception&) {
-            // Then its end has to say it.
-        }
     }
-    connection.link->shutdown();
+    if (isOver) {
+        connection.link->shutdown();
+    }
+    if (connection.isApplication) {
+        // Without its application a server has no purpose.
+        m_lobby.close();
+        m_pipe.shutdown();
+    }
     connection.isDone = true;
 }
 
-void RenderServer::converse(kySocketLink& link, kyNetStream& stream)
+void RenderServer::recvKey(const std::shared_ptr<kySocketLink>& link)
 {
-    link.setRecvTimeout(s_helloTimeout);
-    const Hello hello = recvHello(stream);
-    link.setRecvTimeout(0.0);
-    stream.setRank(hello.rank);
+    link->setRecvTimeout(s_helloTimeout);
+    // Without a key the exchange only looks at what is there.
+    link->pollReadable(s_helloTimeout);
+    KeyExchange::answer(link, m_key);
+}
 
-    switch (hello.type) {
-    case kyNodeConnectionType::LowLatency:
-        serveApplication(stream);
-        break;
-    case kyNodeConnectionType::Image:
-        m_images.add(link.getSharedPtr(), hello.rank, s_maxImageChannels);
-        answerSuccess(stream);
-        // Nothing comes on it; this waits for its end.
-        stream.recvAll();
-        break;
-    case kyNodeConnectionType::Sync:
-        answerSuccess(stream);
-        serveSync(stream);
-        break;
+bool RenderServer::converse(Connection& connection)
+{
+    kyNetStream stream(connection.link);
+    try {
+        return converse(connection, stream);
+    } catch (const kyConnectionClosed&) {
+        throw;
+    } catch (const std::exception& e) {
+        stream.clearSendBuffer();
+        stream.sendException(e).flush();
+        throw;
     }
 }
 
-Hello RenderServer::recvHello(kyNetStream& stream)
+bool RenderServer::converse(Connection& connection, kyNetStream& stream)
 {
     Hello hello;
     stream >> hello;
-    if (hello.type != kyNodeConnectionType::Sync && hello.type != kyNodeConnectionType::Image &&
-        hello.type != kyNodeConnectionType::LowLatency) {
-        throw kyNetError("Unknown connection type " +
-                         std::to_string(static_cast<std::int32_t>(hello.type)));
+    connection.link->setRecvTimeout(0.0);
+    connection.isApplication = m_lobby.admit(hello);
+    stream.setRank(hello.rank);
+    answerSuccess(stream);
+
+    if (hello.type == kyNodeConnectionType::Sync) {
+        serveSync(stream);
+        return true;
     }
-    if (hello.rank < s_firstServerRank) {
-        throw kyNetError("A server cannot have the rank " + std::to_string(hello.rank));
+    m_lobby.keep(hello, connection.link);
+    if (connection.isApplication) {
+        serveApplication(hello, stream);
     }
-    const std::lock_guard<std::mutex> guard(m_lock);
-    if (hello.type == kyNodeConnectionType::LowLatency) {
-        if (m_application) {
-            throw kyNetError("This server works for an application already");
-        }
-        m_application = hello;
-    } else if (!m_application || m_application->session != hello.session ||
-               m_application->rank != hello.rank) {
-        throw kyNetError("This server does not work for this application");
-    }
-    return hello;
+    return connection.isApplication;
 }
 
-void RenderServer::serveApplication(kyNetStream& stream)
+void RenderServer::serveApplication(const Hello& application, kyNetStream& stream)
 {
-    const ShutdownOnExit endOfServer{m_pipe};
+    Setup setup;
+    stream >> setup;
+    if (!MethodCompressor::knows(setup.imageCompression)) {
+        throw kyNetError("Unknown compression method " +
+                         std::to_string(static_cast<std::int32_t>(setup.imageCompression)));
+    }
+    const RenderChannels channels = m_lobby.waitForChannels(s_channelTimeout);
+    const auto relay = SceneRelay::open(application, setup, m_opener, m_key);
+    kyNetOptions::setImageCompression(setup.imageCompression);
     answerSuccess(stream);
-    OrderBook(stream, m_images, m_gate).run();
+    // From here on only the chains read and write the channels.
+    carryOut(application.rank, setup.sceneSource, channels, relay);
+}
+
+void RenderServer::carryOut(std::int32_t rank, std::int32_t sceneSource,
+                            const RenderChannels& channels,
+                            const std::shared_ptr<kyNetSender>& relay)
+{
+    const bool isRelayed = sceneSource != s_applicationRank;
+    const auto compressor = std::make_shared<MethodCompressor>();
+    kyNetStream stream;
+    const EndOfRelay endOfRelay{relay};
+    stream.setRank(rank);
+    stream.setSender(channels.makeSender(compressor, s_applicationRank,
+                                         kyNetOptions::getLowLatencyServerThreshold()));
+    stream.setReceiver(channels.makeReceiver(compressor, isRelayed ? nullptr : relay, rank));
+
+    OrderBook orders(stream, m_gate);
+    std::optional<SceneInlet> inlet;
+    if (isRelayed) {
+        inlet.emplace(sceneSource, rank, m_lobby, relay, orders);
+    }
+    orders.run();
 }
 
 void RenderServer::serveSync(kyNetStream& stream)

@@ -4,39 +4,47 @@
 #include <chrono>
 #include <list>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 
 #include <NetBase/links/kySocketPipe.h>
+#include <apps/TALOClusterServer/ChannelLobby.h>
 #include <apps/TALOClusterServer/FrameGate.h>
-#include <apps/TALOClusterServer/ImageChannels.h>
-#include <apps/common/RenderProtocol.h>
+#include <apps/TALOClusterServer/SceneRelay.h>
 
+class SharedKey;
 class kyNetStream;
 class kySocketLink;
 
 namespace render {
 
-/// One render server: takes connections from the cluster service's pipe and serves each on a
+/// One render server: takes connections from the cluster service's pipe and greets each on a
 /// thread of its own.
 ///
-/// Whoever opens the low latency channel first is the application that the server works for; the
-/// other channels must be of the same session.
+/// Whoever opens the first low latency channel is the application that the server works for. That
+/// connection's thread carries the orders out, those of the sync channels stay with them; all other
+/// channels become part of the application's chains.
 ///
-/// The server lives as long as somebody needs it. It ends when the application's low latency
-/// channel closes, however that came about; when the service closes the pipe, which it does to
-/// stop the server and cannot help when it dies; and when nobody has been connected for ten
-/// seconds. So nobody's death leaves a server behind.
+/// With a key, every connection begins with a KeyExchange and is encrypted from then on.
 ///
-/// A connection that says no proper Hello within half a minute is told why and closed; the others
-/// do not notice.
+/// The server lives as long as somebody needs it. It ends when a channel of the application closes,
+/// however that came about; when the service closes the pipe, which it does to stop the server and
+/// cannot help when it dies; and when nobody has been connected for ten seconds. So nobody's death
+/// leaves a server behind.
+///
+/// A connection without the key, or that says no proper Hello within half a minute, is told why and
+/// closed; the others do not notice.
 class RenderServer
 {
 public:
-    /// Opens the service's pipe. Throws kyNetError if there is none of that name.
-    explicit RenderServer(const std::string& socketPipe);
+    /// Opens the service's pipe; no key is an empty pointer. Throws kyNetError if there is no pipe
+    /// of that name.
+    explicit RenderServer(const std::string& socketPipe,
+                          std::shared_ptr<const SharedKey> key = nullptr);
+
+    /// The same, with another way to the servers that the scene is relayed to than by the service.
+    RenderServer(const std::string& socketPipe, std::shared_ptr<const SharedKey> key,
+                 SceneRelay::Opener opener);
 
     /// Closes every connection and waits for the threads that serve them.
     ~RenderServer();
@@ -51,6 +59,7 @@ private:
     struct Connection
     {
         std::shared_ptr<kySocketLink> link;
+        bool isApplication = false; ///< The first one of the application; of its own thread.
         std::atomic<bool> isDone{false};
         std::thread thread;
     };
@@ -60,17 +69,22 @@ private:
     bool isAbandoned();
 
     void serve(Connection& connection);
-    void converse(kySocketLink& link, kyNetStream& stream);
-    Hello recvHello(kyNetStream& stream);
-    void serveApplication(kyNetStream& stream);
+    void recvKey(const std::shared_ptr<kySocketLink>& link);
+
+    // Whether the connection is over; otherwise it goes on as part of a chain.
+    bool converse(Connection& connection);
+    bool converse(Connection& connection, kyNetStream& stream);
+
+    void serveApplication(const Hello& application, kyNetStream& stream);
+    void carryOut(std::int32_t rank, std::int32_t sceneSource, const RenderChannels& channels,
+                  const std::shared_ptr<kyNetSender>& relay);
     void serveSync(kyNetStream& stream);
 
     kySocketPipe m_pipe;
-    ImageChannels m_images;
+    std::shared_ptr<const SharedKey> m_key;
+    SceneRelay::Opener m_opener;
+    ChannelLobby m_lobby;
     FrameGate m_gate;
-
-    std::mutex m_lock;
-    std::optional<Hello> m_application;
 
     // Of the thread that runs.
     std::list<Connection> m_connections;

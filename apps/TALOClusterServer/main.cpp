@@ -7,6 +7,7 @@
 #include <apps/TALOClusterServer/RenderServer.h>
 #include <apps/TALOClusterServer/ServerArguments.h>
 #include <apps/common/CommandLine.h>
+#include <apps/common/SharedKey.h>
 
 int main(int argc, char** argv)
 {
@@ -18,7 +19,7 @@ int main(int argc, char** argv)
         return WrongUsage;
     }
     try {
-        render::RenderServer(arguments.socketPipe).run();
+        render::RenderServer(arguments.socketPipe, SharedKey::readFromEnvironment()).run();
         return Done;
     } catch (const std::exception& e) {
         kyLog::error("TALOClusterServer: %s", e.what());

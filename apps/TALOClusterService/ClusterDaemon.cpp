@@ -13,6 +13,7 @@
 #include <NetBase/links/kySocketLink.h>
 #include <Utils/kyLog.h>
 #include <apps/TALOClusterService/ClientLink.h>
+#include <apps/common/KeyExchange.h>
 
 namespace {
 
@@ -36,6 +37,9 @@ constexpr std::uint64_t s_maxRequestSize = 16 << 20;
 constexpr std::chrono::milliseconds s_backOff{100};
 constexpr std::chrono::seconds s_reportPause{60};
 
+/// Addresses of refused clients that are logged in this time.
+constexpr std::size_t s_maxReported = 64;
+
 /// How long servers have to notice that they are to end before they are killed.
 constexpr std::chrono::seconds s_grace{3};
 
@@ -43,9 +47,11 @@ constexpr std::chrono::seconds s_grace{3};
 
 ClusterDaemon::ClusterDaemon(Settings settings)
     : m_allowed(std::move(settings.allowed)),
+      m_key(std::move(settings.key)),
       m_service(settings.port, std::move(settings.serverPath)),
       m_listener(m_service.listen()),
       m_watch(s_clientLimit, s_maxWaitingClients),
+      m_refusals(s_reportPause, s_maxReported),
       m_clients(s_maxClients)
 {
     m_service.setConsole(settings.logsServerOutput);
@@ -129,13 +135,27 @@ void ClusterDaemon::serve(kySocketLink& accepted)
 {
     try {
         if (const std::shared_ptr<ClientLink> client = greet(accepted)) {
-            const ClientWatch::Entry watched(m_watch, client);
-            if (client->speaks(-1.0)) { // the watch has the limit
+            const ClientWatch::Entry watched(m_watch, client); // has the limits
+            if (client->speaks(-1.0) && agreeOnKey(client) && client->speaks(-1.0)) {
                 m_service.handleExternalRequest(client.get());
             }
         }
     } catch (const std::exception&) {
         // The client left, or was dropped, before it asked for anything.
+    }
+}
+
+bool ClusterDaemon::agreeOnKey(const std::shared_ptr<ClientLink>& client)
+{
+    const std::string address = client->getPeerAddress().getName();
+    try {
+        KeyExchange::answer(client, m_key);
+        return true;
+    } catch (const kyConnectionClosed&) {
+        return false;
+    } catch (const std::exception& e) {
+        m_refusals.report(address, e.what());
+        return false;
     }
 }
 

@@ -10,6 +10,8 @@
 #include <NetBase/service/kyNetService.h>
 #include <apps/TALOClusterService/AddressRange.h>
 #include <apps/TALOClusterService/ClientWatch.h>
+#include <apps/TALOClusterService/RefusalLog.h>
+#include <apps/common/SharedKey.h>
 
 class kyBoundSocketLink;
 class kySocketLink;
@@ -22,6 +24,9 @@ class kySocketLink;
 /// anything is not worth a line in the log. A lack of descriptors or threads is reported once and
 /// waited out.
 ///
+/// With a key, a client has to prove that it holds the key, too, before its request is read: see
+/// KeyExchange. Who cannot is refused, and logged, a few of them a minute.
+///
 /// Ownership: run() returns when no client is served any more; the destructor ends the servers.
 class ClusterDaemon
 {
@@ -31,6 +36,7 @@ public:
         int port = 0;           ///< 0: any that is free
         std::string serverPath; ///< empty: searched for
         std::vector<AddressRange> allowed;
+        std::shared_ptr<const SharedKey> key; ///< empty: clients need none
         bool logsServerOutput = true;
     };
 
@@ -57,11 +63,14 @@ private:
     bool isAllowed(const kySocketLink& client) const;
     void serve(kySocketLink& accepted);
     std::shared_ptr<ClientLink> greet(kySocketLink& accepted);
+    bool agreeOnKey(const std::shared_ptr<ClientLink>& client);
 
     const std::vector<AddressRange> m_allowed;
+    const std::shared_ptr<const SharedKey> m_key;
     kyNetService m_service;
     std::shared_ptr<kyBoundSocketLink> m_listener;
     ClientWatch m_watch;
+    RefusalLog m_refusals;
     kyNetActionManager m_clients;
     std::mutex m_mutex;
     std::condition_variable m_stopped;

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,7 +14,24 @@
 #include <VersionInfo/kyVersionInfo.h>
 #include <apps/TALOClusterService/ClusterDaemon.h>
 #include <apps/common/CommandLine.h>
+#include <apps/common/SharedKey.h>
 #include <apps/common/platform/TerminationSignal.h>
+
+namespace {
+
+/// Tells the render servers, which inherit the variable, where the key is. One that somebody else
+/// has set is none of this service's.
+void publishKeyFile(const std::optional<std::string>& file)
+{
+    if (file) {
+        const std::string path = std::filesystem::absolute(*file).string();
+        qputenv(SharedKey::s_fileVariable, QByteArray::fromStdString(path));
+    } else {
+        qunsetenv(SharedKey::s_fileVariable);
+    }
+}
+
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -21,6 +40,7 @@ int main(int argc, char** argv)
     ClusterDaemon::Settings settings;
     settings.port = kyNetOptions::getDefaultServicePort();
     std::vector<std::string> allowed;
+    std::optional<std::string> keyFile;
     bool isQuiet = false;
 
     CLI::App program("The cluster service of a node: starts render servers for clients and leads "
@@ -40,6 +60,8 @@ int main(int argc, char** argv)
             "itself, 127.0.0.0/8 and ::1). Whoever may connect may start programs here")
         ->check(readableBy(readRange, "ADDRESS[/BITS]"))
         ->allow_extra_args(false);
+    program.add_option("--key", keyFile,
+                       "File with the key that clients have to hold; render servers use it, too");
     program.add_flag("--quiet", isQuiet, "Print errors only, and nothing of what servers print");
 
     try {
@@ -54,6 +76,8 @@ int main(int argc, char** argv)
     settings.logsServerOutput = !isQuiet;
 
     try {
+        publishKeyFile(keyFile); // while this is the only thread
+        settings.key = keyFile ? SharedKey::read(*keyFile) : nullptr;
         ClusterDaemon daemon(settings);
         const TerminationSignal signal([&daemon] { daemon.stop(); });
         if (!isQuiet) {

@@ -9,8 +9,11 @@ namespace render {
 
 /// A file that appears whole or not at all.
 ///
-/// The bytes go to a file beside it, NAME.part, which takes the name when everything is written; a
-/// former file of that name stays until then. A device or pipe is written to directly.
+/// The bytes go to a file beside it, of a name that nobody has used (NAME.1f2e3d4c.part), which
+/// takes the name when everything is written; a former file of that name stays until then. A device
+/// or pipe is written to directly.
+///
+/// Threads: any.
 class OutputFile
 {
 public:
@@ -19,16 +22,23 @@ public:
     /// system's reason.
     explicit OutputFile(const std::string& path);
 
+    std::string getPath() const { return m_path.string(); }
+
     /// Writes the file. Throws kyNetError, and leaves nothing of it.
     void write(const std::vector<std::uint8_t>& bytes) const;
 
+    /// Removes what is half written, and lets nothing more begin: for a process that is about to
+    /// end whatever its other threads do. Never blocks for long, never throws.
+    static void abandonAll() noexcept;
+
 private:
-    void writePart(const std::vector<std::uint8_t>& bytes) const;
-    void removePart() const;
-    [[noreturn]] void fail(int error) const;
+    class Part;
 
     std::filesystem::path m_path;
-    std::filesystem::path m_part;
+    bool m_isSpecial;
 };
+
+/// The name of one picture of a sequence: "out.png" becomes "out-0001.png".
+std::string sequencePath(const std::string& path, std::uint32_t number);
 
 } // namespace render

@@ -1,11 +1,14 @@
 #include <apps/TALORender/RemoteServer.h>
 
 #include <algorithm>
+#include <sstream>
 #include <utility>
 
 #include <NetBase/buffers/kyNetError.h>
+#include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/links/kySocketLink.h>
-#include <NetBase/receivers/kyNetMultiLinkReceiver.h>
+#include <apps/TALORender/Watchdog.h>
+#include <apps/common/KeyExchange.h>
 #include <apps/common/SceneWire.h>
 
 namespace render {
@@ -15,31 +18,31 @@ namespace {
 /// One tile is rendered while the next one waits: the server's wait for orders is none.
 constexpr std::size_t s_tilesInFlight = 2;
 
-/// Seconds that a server has for its answer to Hello.
-constexpr double s_helloTimeout = 30.0;
-
 } // namespace
 
-RemoteServer::RemoteServer(const NodeAddress& node, const Hello& job, std::int32_t rank)
-    : m_client(node), m_job(job), m_rank(rank)
+RemoteServer::RemoteServer(const NodeAddress& node, const Job& job, std::int32_t rank)
+    : m_client(node, std::nullopt, job.key), m_job(job), m_rank(rank)
 {
     ServiceClient::ServerSettings settings;
-    settings.bookingId = job.bookingId;
+    settings.bookingId = job.hello.bookingId;
     const ServiceClient::StartedServer server = m_client.startServer(settings);
     m_serverId = server.id;
     try {
-        m_orders = kyNetStream(server.link);
-        introduce(m_orders, kyNodeConnectionType::LowLatency);
-
-        const int channels = m_job.channels.getChannels(kyNodeConnectionType::Image);
-        std::vector<std::shared_ptr<kyNetLink>> links(static_cast<std::size_t>(channels));
-        for (auto& link : links) {
-            link = openChannel(kyNodeConnectionType::Image);
-        }
-        m_images.setReceiver(kyNetMultiLinkReceiver::create(links));
+        m_first = server.link;
+        introduce(m_first, kyNodeConnectionType::LowLatency);
+        m_channels.lowLatency = openChannels(kyNodeConnectionType::LowLatency, 1);
+        m_channels.lowLatency.insert(m_channels.lowLatency.begin(), m_first);
+        m_channels.image = openChannels(kyNodeConnectionType::Image, 0);
+        m_syncChannels = openChannels(kyNodeConnectionType::Sync, 0);
     } catch (const std::exception& e) {
+        giveUp();
         throw kyNetError(describe() + ": " + e.what());
     }
+}
+
+RemoteServer::~RemoteServer()
+{
+    shutdown();
 }
 
 std::string RemoteServer::describe() const
@@ -47,122 +50,229 @@ std::string RemoteServer::describe() const
     return "server " + std::to_string(m_serverId) + " on " + getNode().toString();
 }
 
-std::shared_ptr<kySocketLink> RemoteServer::openChannel(kyNodeConnectionType type) const
+std::vector<std::shared_ptr<kyNetLink>> RemoteServer::openChannels(kyNodeConnectionType type,
+                                                                   std::size_t opened)
 {
-    auto link = m_client.connectServer(m_serverId);
-    kyNetStream stream(link);
-    introduce(stream, type);
-    return link;
+    std::vector<std::shared_ptr<kyNetLink>> links(
+        static_cast<std::size_t>(m_job.hello.channels.getChannels(type)) - opened);
+    for (auto& link : links) {
+        const std::shared_ptr<kySocketLink> opening = m_client.connectServer(m_serverId);
+        introduce(opening, type);
+        link = opening;
+    }
+    return links;
 }
 
-void RemoteServer::introduce(kyNetStream& stream, kyNodeConnectionType type) const
+void RemoteServer::introduce(const std::shared_ptr<kySocketLink>& link, kyNodeConnectionType type)
 {
-    Hello hello = m_job;
-    hello.type = type;
-    hello.rank = m_rank;
-    const auto link = stream.getFirstLink();
-    link->setRecvTimeout(s_helloTimeout);
-    stream.setRank(s_applicationRank);
-    stream << hello;
-    stream.flush();
-    stream.recvResult();
-    link->setRecvTimeout(0.0);
+    hold(link);
+    within(m_job.patience, [&] {
+        KeyExchange::offer(link, m_job.key);
+        Hello hello = m_job.hello;
+        hello.type = type;
+        hello.rank = m_rank;
+        kyNetStream stream(link);
+        stream.setRank(s_applicationRank);
+        stream << hello << kyNetStream::flush;
+        stream.recvResult();
+    });
 }
 
-std::shared_ptr<kyNetLink> RemoteServer::openSyncChannel() const
+void RemoteServer::hold(const std::shared_ptr<kyNetLink>& link)
 {
-    return openChannel(kyNodeConnectionType::Sync);
+    const std::lock_guard<std::mutex> guard(m_linksLock);
+    m_links.push_back(link);
+    if (m_isShutDown) {
+        link->shutdown();
+    }
 }
 
-void RemoteServer::loadScene(const Scene& scene)
+void RemoteServer::setUp(const Setup& setup)
 {
-    m_orders << Order::LoadScene;
-    putScene(m_orders, scene);
-    m_orders.flush();
-    recvAnswer();
+    within(m_job.patience, [&] {
+        kyNetStream stream(m_first);
+        stream.setRank(s_applicationRank);
+        stream << setup << kyNetStream::flush;
+        stream.recvResult();
+    });
+    m_isRelayed = setup.sceneSource != s_applicationRank;
+    m_stream.setRank(s_applicationRank);
+    m_stream.setSender(m_channels.makeSender(m_job.compressor, static_cast<unsigned int>(m_rank),
+                                             kyNetOptions::getLowLatencyClientThreshold()));
+    m_stream.setReceiver(m_channels.makeReceiver(m_job.compressor));
 }
 
-void RemoteServer::beginFrame(std::int32_t number, const Frame& frame)
+void RemoteServer::loadScene(const Scene& scene, double limit, double relayLimit)
 {
-    m_orders << Order::BeginFrame << number << frame;
-    m_orders.flush();
-    recvAnswer();
+    bool isLoaded = false;
+    if (m_isRelayed) {
+        within(relayLimit + limit, [&] {
+            AnswerMessage message;
+            m_stream.recvMessage(message);
+            // Whatever became of the relays before it, the scene itself may be sound.
+            isLoaded = message.getAnswer().failure.empty();
+        });
+    }
+    if (!isLoaded) {
+        within(limit, [&] {
+            sendScene(scene);
+            recvAnswer(Order::LoadScene);
+        });
+    }
+    // All has left; this only waits for the last to be counted.
+    m_stream.waitAllDataTransfered();
+    m_work.scene = {m_stream.getSentBytes(), m_stream.getCompressedBytes()};
 }
 
-void RemoteServer::renderTiles(TileScheduler& tiles, double timeout, const TileHandler& onTile)
+void RemoteServer::sendScene(const Scene& scene)
 {
+    m_stream << Order::LoadScene;
+    putScene(m_stream, scene);
+    m_stream.flush();
+}
+
+void RemoteServer::render(FrameQueue& queue, double limit, const TileHandler& onTile)
+{
+    std::int32_t begun = 0;
     try {
-        m_orders.getFirstLink()->setRecvTimeout(timeout);
         for (;;) {
-            // With a tile on its way there is always something to wait for, else only others'
-            // tiles.
+            // With a tile on its way there is always something to wait for, else only what others
+            // do.
             while (m_inFlight.size() < s_tilesInFlight) {
-                const auto tile = m_inFlight.empty() ? tiles.take() : tiles.tryTake();
-                if (!tile) {
+                const auto task = m_inFlight.empty() ? queue.take(begun) : queue.tryTake(begun);
+                if (!task) {
                     break;
                 }
-                order(*tile);
+                perform(*task, queue.getFrame(task->frame));
             }
             if (m_inFlight.empty()) {
-                m_orders.getFirstLink()->setRecvTimeout(0.0);
                 return;
             }
-            m_work.seconds += recvAnswer();
-            recvTile(onTile);
-            tiles.finish();
+            within(limit, [&] { queue.finish(recvTile(onTile)); });
         }
     } catch (const std::exception&) {
-        for (const Tile& tile : std::exchange(m_inFlight, {})) {
-            tiles.giveBack(tile);
+        for (const FrameQueue::Task& task : std::exchange(m_inFlight, {})) {
+            queue.giveBack(task);
         }
         throw;
     }
 }
 
-void RemoteServer::order(const Tile& tile)
+void RemoteServer::perform(const FrameQueue::Task& task, const Frame& frame)
 {
-    m_inFlight.push_back(tile);
-    m_orders << Order::RenderTile << tile;
-    m_orders.flush();
+    kyNetMessage message;
+    if (task.tile) {
+        m_inFlight.push_back(task);
+        message << Order::RenderTile << task.frame << *task.tile;
+    } else {
+        message << Order::BeginFrame << task.frame << frame;
+    }
+    within(m_job.patience, [&] { send(message); });
 }
 
-void RemoteServer::recvTile(const TileHandler& onTile)
+FrameQueue::Task RemoteServer::recvTile(const TileHandler& onTile)
 {
-    TileMessage message;
-    m_images.recvMessage(message);
-    Tile tile;
-    const std::vector<Vector> pixels = message.getTile(tile);
+    const Answer answer = recvAnswer(Order::RenderTile);
     // Over several links the second tile may be here before the first.
-    const auto ordered = std::find(m_inFlight.begin(), m_inFlight.end(), tile);
+    const auto ordered = std::find_if(m_inFlight.begin(), m_inFlight.end(), [&](const auto& task) {
+        return task.frame == answer.frame && task.tile == answer.tile;
+    });
     if (ordered == m_inFlight.end()) {
         throw kyNetError("Received a tile that was not ordered");
     }
-    onTile(tile, pixels);
+    const FrameQueue::Task task = *ordered;
+    onTile(answer.frame, answer.tile, answer.pixels);
     m_inFlight.erase(ordered);
     ++m_work.tiles;
+    m_work.seconds += answer.seconds;
+    return task;
 }
 
-double RemoteServer::recvAnswer()
+void RemoteServer::reportTraffic()
 {
-    m_orders.recvResult();
-    double seconds = 0.0;
-    m_orders >> seconds;
-    return seconds;
+    within(m_job.patience, [&] {
+        kyNetMessage message;
+        message << Order::ReportTraffic;
+        send(message);
+        const Answer answer = recvAnswer(Order::ReportTraffic);
+        m_work.received = {answer.sentBytes, answer.compressedBytes};
+    });
 }
 
-void RemoteServer::addTraffic(std::uint64_t sentBytes, std::uint64_t receivedBytes)
+void RemoteServer::send(kyNetMessage& message)
 {
-    m_work.sentBytes += sentBytes;
-    m_work.receivedBytes += receivedBytes;
+    m_stream.sendMessage(message, m_rank, kyNetBufferSendMode::Automatic);
+}
+
+Answer RemoteServer::recvAnswer(Order order)
+{
+    AnswerMessage message;
+    m_stream.recvMessage(message);
+    Answer answer = message.getAnswer();
+    if (!answer.failure.empty()) {
+        throw kyNetError(answer.failure);
+    }
+    if (answer.order != order) {
+        throw kyNetError("Received an answer to another order");
+    }
+    return answer;
+}
+
+template <class Action> void RemoteServer::within(double seconds, const Action& action)
+{
+    const Watchdog::Guard guard(*m_job.watchdog, seconds, [this] { shutdown(); });
+    try {
+        action();
+    } catch (const std::exception&) {
+        if (!guard.hasExpired()) {
+            throw;
+        }
+    }
+    if (guard.hasExpired()) {
+        failAsSilent(seconds);
+    }
+}
+
+void RemoteServer::failAsSilent(double seconds)
+{
+    m_isHanging = true;
+    std::ostringstream text;
+    text << "It gave no answer within " << seconds << " seconds";
+    throw kyNetError(text.str());
+}
+
+std::vector<std::shared_ptr<kyNetLink>> RemoteServer::takeSyncChannels()
+{
+    return m_syncChannels.empty() ? openChannels(kyNodeConnectionType::Sync, 0)
+                                  : std::exchange(m_syncChannels, {});
+}
+
+void RemoteServer::shutdown()
+{
+    const std::lock_guard<std::mutex> guard(m_linksLock);
+    m_isShutDown = true;
+    for (const auto& link : m_links) {
+        link->shutdown();
+    }
+}
+
+void RemoteServer::giveUp()
+{
+    shutdown();
+    if (!m_isHanging) {
+        return;
+    }
+    try {
+        m_client.stopServer(m_serverId);
+    } catch (const std::exception&) {
+        // It is gone already, or its service is.
+    }
 }
 
 RemoteServer::Work RemoteServer::getWork() const
 {
     Work work = m_work;
-    for (const kyNetStream* stream : {&m_orders, &m_images}) {
-        work.sentBytes += stream->getSentBytes();
-        work.receivedBytes += stream->getRecevedBytes();
-    }
+    work.sent = {m_stream.getSentBytes(), m_stream.getCompressedBytes()};
     return work;
 }
 

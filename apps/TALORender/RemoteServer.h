@@ -1,46 +1,75 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <NetBase/serialization/kyNetStream.h>
-#include <apps/TALORender/TileScheduler.h>
+#include <apps/TALORender/FrameQueue.h>
+#include <apps/TALORender/Traffic.h>
+#include <apps/common/RenderChannels.h>
 #include <apps/common/RenderProtocol.h>
 #include <apps/common/ServiceClient.h>
 
+class kyNetCompressorBase;
+
 namespace render {
+
+class Watchdog;
 
 /// One render server as the application sees it: its channels, and what it has done so far.
 ///
-/// Construction has the node's service start a server and opens the low latency and the image
-/// channels; the sync channels come and go with the SyncGroup. Destruction closes them all, upon
-/// which the server ends.
+/// Construction has the node's service start a server and opens its channels; setUp makes a chain
+/// of them. Destruction closes them all, upon which the server ends.
 ///
 /// Every failure is thrown: the server's own exceptions with its text as kyNetError, a lost
-/// connection as kyConnectionClosed. The server is of no use afterwards.
+/// connection as kyConnectionClosed. A server that keeps the application waiting for longer than
+/// it may is given up: its channels are closed, and it is a kyNetError, too. The server is of no
+/// use after any of them.
 ///
-/// Threads: one at a time.
+/// Threads: one at a time, but where it says any.
 class RemoteServer
 {
 public:
-    /// What a server did, for the table at the end.
+    /// What all servers of a job have in common.
+    struct Job
+    {
+        /// All but type and rank.
+        Hello hello;
+        /// Empty: none.
+        std::shared_ptr<const SharedKey> key;
+        std::shared_ptr<kyNetCompressorBase> compressor;
+        std::shared_ptr<Watchdog> watchdog;
+        /// Seconds that a server has for an answer, beside what the work itself takes.
+        double patience = 0.0;
+    };
+
+    /// What a server did, for the report at the end.
     struct Work
     {
         std::size_t tiles = 0;
         double seconds = 0.0; ///< that it spent rendering
-        std::uint64_t sentBytes = 0;
-        std::uint64_t receivedBytes = 0;
+        Traffic scene;        ///< what the application has sent until the scene was there
+        Traffic sent;         ///< by the application, the scene included
+        /// By the server, according to itself; nobody knows of a lost one.
+        std::optional<Traffic> received;
     };
 
-    /// Where finished tiles go. Called on the thread of renderTiles.
-    using TileHandler = std::function<void(const Tile&, const std::vector<Vector>&)>;
+    /// Where finished tiles go. Called on the thread of render.
+    using TileHandler =
+        std::function<void(std::int32_t frame, const Tile&, const std::vector<Vector>&)>;
 
     /// Starts a server on the node and opens its channels. Blocks; throws kyNetError.
-    RemoteServer(const NodeAddress& node, const Hello& job, std::int32_t rank);
+    RemoteServer(const NodeAddress& node, const Job& job, std::int32_t rank);
+    ~RemoteServer();
+
+    RemoteServer(const RemoteServer&) = delete;
+    RemoteServer& operator=(const RemoteServer&) = delete;
 
     const NodeAddress& getNode() const { return m_client.getNode(); }
     std::uint32_t getServerId() const { return m_serverId; }
@@ -49,42 +78,70 @@ public:
     /// "server 3 on 127.0.0.1:8889", for messages.
     std::string describe() const;
 
-    /// Hands the scene over and waits until the server can render it.
-    void loadScene(const Scene& scene);
+    /// Tells the server what to prepare, and makes the chain to it. Once.
+    void setUp(const Setup& setup);
 
-    /// Tells the server which picture the next tiles are of.
-    void beginFrame(std::int32_t number, const Frame& frame);
+    /// Hands the scene over, or waits until another server has relayed it, and until the server
+    /// can render it: `limit` seconds for this server alone, `relayLimit` for the relays before
+    /// it. Once.
+    void loadScene(const Scene& scene, double limit, double relayLimit);
 
-    /// Has the server render tiles until all are finished, two at a time, so that it never waits
-    /// for the next one. If it throws, the tiles it has not finished are given back. Throws
-    /// kyConnectionTimeout if a tile takes more than `timeout` seconds.
-    void renderTiles(TileScheduler& tiles, double timeout, const TileHandler& onTile);
+    /// Has the server render frames until all are finished, two tiles at a time, so that it never
+    /// waits for the next one. If it throws, the tiles it has not finished are given back. A tile
+    /// may take `limit` seconds.
+    void render(FrameQueue& queue, double limit, const TileHandler& onTile);
 
-    /// Opens a sync channel to the server. Throws kyNetError if it does not live any more.
-    std::shared_ptr<kyNetLink> openSyncChannel() const;
+    /// Asks the server what it has sent.
+    void reportTraffic();
 
-    /// Adds bytes that went over a sync channel.
-    void addTraffic(std::uint64_t sentBytes, std::uint64_t receivedBytes);
+    /// The sync channels: those of the beginning, after that new ones each time. Throws kyNetError
+    /// if the server does not live any more.
+    std::vector<std::shared_ptr<kyNetLink>> takeSyncChannels();
+
+    /// Closes every channel, which ends all calls that wait for the server. Any thread.
+    void shutdown();
+
+    /// Closes every channel; if the server hangs, and so cannot notice, has its service end it. Any
+    /// thread; blocks for as long as the service does; throws nothing.
+    void giveUp();
+
+    /// Throws that the server has kept the application waiting for so long, and from now on takes
+    /// it for one that hangs. Any thread.
+    [[noreturn]] void failAsSilent(double seconds);
 
     Work getWork() const;
 
 private:
-    std::shared_ptr<kySocketLink> openChannel(kyNodeConnectionType type) const;
-    void introduce(kyNetStream& stream, kyNodeConnectionType type) const;
+    std::vector<std::shared_ptr<kyNetLink>> openChannels(kyNodeConnectionType type,
+                                                         std::size_t opened);
+    void introduce(const std::shared_ptr<kySocketLink>& link, kyNodeConnectionType type);
+    void hold(const std::shared_ptr<kyNetLink>& link);
 
-    void order(const Tile& tile);
-    void recvTile(const TileHandler& onTile);
-    double recvAnswer();
+    template <class Action> void within(double seconds, const Action& action);
+    void sendScene(const Scene& scene);
+    void send(kyNetMessage& message);
+    void perform(const FrameQueue::Task& task, const Frame& frame);
+    FrameQueue::Task recvTile(const TileHandler& onTile);
+    Answer recvAnswer(Order order);
 
-    ServiceClient m_client;
-    Hello m_job;
-    std::int32_t m_rank;
+    const ServiceClient m_client;
+    const Job m_job;
+    const std::int32_t m_rank;
     std::uint32_t m_serverId = 0;
-    kyNetStream m_orders;
-    kyNetStream m_images;
+    std::atomic<bool> m_isHanging{false};
+
+    std::mutex m_linksLock;
+    std::vector<std::shared_ptr<kyNetLink>> m_links; ///< all that were ever opened
+    bool m_isShutDown = false;
+
+    std::shared_ptr<kySocketLink> m_first;
+    RenderChannels m_channels;
+    std::vector<std::shared_ptr<kyNetLink>> m_syncChannels;
+    bool m_isRelayed = false;
     /// Ordered and not yet received.
-    std::vector<Tile> m_inFlight;
+    std::vector<FrameQueue::Task> m_inFlight;
     Work m_work;
+    kyNetStream m_stream; // Last: its threads use all of the above.
 };
 
 } // namespace render

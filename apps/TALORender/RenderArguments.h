@@ -6,6 +6,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <NetBase/buffers/kyNetHeader.h>
+#include <NetBase/buffers/kyNetInterfaceOptions.h>
+
 namespace render {
 
 struct PictureSize
@@ -17,10 +20,16 @@ struct PictureSize
 /// Reads "WxH". Throws kyNetError if it is none, or too large.
 PictureSize parseSize(const std::string& text);
 
+/// Reads "SYNC,IMAGE,LATENCY", the number of channels of each type. Throws kyNetError if it is not
+/// three numbers from 1 to Hello::s_maxChannels.
+kyNetInterfaceOptions parseChannels(const std::string& text);
+
 /// What the user asks for:
 ///
 ///     TALORender SCENE -o OUT.png [--node HOST[:PORT]]... [--servers N] [--size WxH]
-///                [--samples N] [--booking ID]
+///                [--samples N] [--frames N] [--booking ID] [--key FILE]
+///                [--channels SYNC,IMAGE,LATENCY] [--image-compression none|lz4|zstd]
+///                [--relay none|tree]
 struct RenderArguments
 {
     /// Describes the arguments to the parser, which then fills this object in.
@@ -33,7 +42,12 @@ struct RenderArguments
     int servers = 0;
     PictureSize size{960, 720};
     std::uint32_t samples = 64;
+    std::uint32_t frames = 1;
     std::string bookingId;
+    std::string keyFile;
+    kyNetInterfaceOptions channels;
+    kyNetCompression imageCompression = kyNetCompression::Standard;
+    bool isRelayed = false;
 };
 
 } // namespace render

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <exception>
 #include <future>
+#include <iterator>
 #include <map>
 #include <random>
 #include <utility>
 
 #include <NetBase/buffers/kyNetError.h>
 #include <NetBase/buffers/kyNetProgress.h>
+#include <apps/common/MethodCompressor.h>
 
 namespace render {
 
@@ -18,7 +20,10 @@ namespace {
 /// enough that an order costs nothing against it.
 constexpr std::uint32_t s_tileEdge = 32;
 
-constexpr int s_imageChannels = 2;
+/// Seconds that a service takes to end a server that hangs, beside what it is asked for meanwhile.
+constexpr double s_endingTime = 30.0;
+
+constexpr const char* s_noServers = "No render server is left";
 
 std::uint64_t makeSession()
 {
@@ -38,22 +43,67 @@ void forEachAtOnce(std::size_t count, const std::function<void(std::size_t)>& ta
     }
 }
 
+std::size_t countTriangles(const Scene& scene)
+{
+    std::size_t count = 0;
+    for (const Mesh& mesh : scene.meshes) {
+        count += mesh.triangles.size();
+    }
+    return count;
+}
+
+/// The paths of the most expensive tile.
+double countPaths(const std::vector<Frame>& frames)
+{
+    std::uint32_t samples = 0;
+    for (const Frame& frame : frames) {
+        samples = std::max(samples, frame.samples);
+    }
+    return double{s_tileEdge} * s_tileEdge * samples;
+}
+
+/// The pictures that are being rendered, by the numbers of their frames.
+///
+/// Threads: any.
+class Pictures
+{
+public:
+    void setTile(std::int32_t number, const Frame& frame, const Tile& tile,
+                 const std::vector<Vector>& pixels)
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_pictures.try_emplace(number, frame.width, frame.height)
+            .first->second.setTile(tile, pixels);
+    }
+
+    Image take(std::int32_t number)
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        return std::move(m_pictures.extract(number).mapped());
+    }
+
+private:
+    std::mutex m_lock;
+    std::map<std::int32_t, Image> m_pictures;
+};
+
 } // namespace
 
 RenderCluster::RenderCluster(const Settings& settings, Warn warn)
-    : m_patience(settings.patience), m_warn(std::move(warn))
+    : m_settings(settings), m_warn(std::move(warn))
 {
-    startServers(findNodes(settings.nodes), settings);
-    m_living = m_started;
+    startServers(findNodes());
+    setUpServers();
     requireServers();
 }
 
-std::vector<NodeAddress> RenderCluster::findNodes(const std::vector<NodeAddress>& nodes)
+std::vector<NodeAddress> RenderCluster::findNodes() const
 {
+    const std::vector<NodeAddress>& nodes = m_settings.nodes;
     std::vector<char> isFound(nodes.size(), 0);
     forEachAtOnce(nodes.size(), [&](std::size_t i) {
         try {
-            ServiceClient(nodes[i]).status();
+            ServiceClient(nodes[i], std::nullopt, m_settings.key).status();
             isFound[i] = 1;
         } catch (const std::exception& e) {
             this->warn(std::string(e.what()) + ". The node is left out.");
@@ -71,16 +121,18 @@ std::vector<NodeAddress> RenderCluster::findNodes(const std::vector<NodeAddress>
     return found;
 }
 
-void RenderCluster::startServers(const std::vector<NodeAddress>& nodes, const Settings& settings)
+void RenderCluster::startServers(const std::vector<NodeAddress>& nodes)
 {
-    Hello job;
-    job.session = makeSession();
-    job.bookingId = settings.bookingId;
-    job.channels.setSyncChannels(1);
-    job.channels.setImageChannels(s_imageChannels);
-    job.channels.setLowLatencyChannels(1);
+    RemoteServer::Job job;
+    job.hello.session = makeSession();
+    job.hello.bookingId = m_settings.bookingId;
+    job.hello.channels = m_settings.channels;
+    job.key = m_settings.key;
+    job.compressor = std::make_shared<MethodCompressor>();
+    job.watchdog = m_watchdog;
+    job.patience = m_settings.patience;
 
-    Servers servers(static_cast<std::size_t>(settings.servers));
+    Servers servers(static_cast<std::size_t>(m_settings.servers));
     forEachAtOnce(servers.size(), [&](std::size_t i) {
         const NodeAddress& node = nodes[i % nodes.size()];
         try {
@@ -94,73 +146,140 @@ void RenderCluster::startServers(const std::vector<NodeAddress>& nodes, const Se
                  [](const std::shared_ptr<RemoteServer>& server) { return server != nullptr; });
 }
 
+void RenderCluster::setUpServers()
+{
+    m_places.resize(m_started.size());
+    if (m_settings.isRelayed) {
+        std::vector<std::string> nodes;
+        for (const auto& server : m_started) {
+            nodes.push_back(server->getNode().toString());
+        }
+        m_places = planRelays(nodes);
+    }
+    // Who is to be relayed to is told so only when the one who relays has connected to it.
+    std::map<std::size_t, std::vector<std::size_t>> levels;
+    for (std::size_t i = 0; i < m_started.size(); ++i) {
+        levels[m_places[i].level].push_back(i);
+    }
+    for (const auto& [level, members] : levels) {
+        Servers servers;
+        std::map<const RemoteServer*, Setup> setups;
+        for (const std::size_t i : members) {
+            servers.push_back(m_started[i]);
+            setups[m_started[i].get()] = makeSetup(i);
+        }
+        forEach(servers, [&](RemoteServer& server) { server.setUp(setups.at(&server)); });
+    }
+}
+
+Setup RenderCluster::makeSetup(std::size_t server) const
+{
+    const RelayPlace& place = m_places[server];
+    Setup setup;
+    setup.imageCompression = m_settings.imageCompression;
+    setup.servicePort = static_cast<std::uint16_t>(m_started[server]->getNode().port);
+    if (place.parent && !isLost(*m_started[*place.parent])) {
+        setup.sceneSource = m_started[*place.parent]->getRank();
+    }
+    for (const std::size_t child : place.children) {
+        setup.relayTargets.push_back(
+            {m_started[child]->getRank(), m_started[child]->getServerId()});
+    }
+    return setup;
+}
+
 void RenderCluster::loadScene(const Scene& scene)
 {
-    forEachLiving([&](RemoteServer& server) { server.loadScene(scene); });
+    const double limit = m_settings.patience + 5e-6 * static_cast<double>(countTriangles(scene)) *
+                                                   static_cast<double>(m_started.size());
+    std::map<const RemoteServer*, double> relayLimits;
+    for (std::size_t i = 0; i < m_started.size(); ++i) {
+        // A relay that hangs is noticed and ended; only then do those behind it notice.
+        relayLimits[m_started[i].get()] =
+            static_cast<double>(m_places[i].level) * (2.0 * limit + s_endingTime);
+    }
+    forEach(getLiving(),
+            [&](RemoteServer& server) { server.loadScene(scene, limit, relayLimits.at(&server)); });
     requireServers();
 }
 
-Image RenderCluster::render(const Frame& frame)
+void RenderCluster::render(const std::vector<Frame>& frames, const PictureHandler& onPicture)
 {
-    const std::int32_t number = ++m_frameNumber;
-    forEachLiving([&](RemoteServer& server) { server.beginFrame(number, frame); });
-    synchronise(number);
     requireServers();
+    const std::int32_t first = m_lastFrame + 1;
+    m_lastFrame += static_cast<std::int32_t>(frames.size());
+    const double limit = m_settings.patience + 0.001 * countPaths(frames);
 
-    Image image(frame.width, frame.height);
-    std::mutex imageLock;
-    const double pathsPerTile = double{s_tileEdge} * s_tileEdge * frame.samples;
-    const double tileTimeout = m_patience + 0.001 * pathsPerTile;
-    TileScheduler tiles(frame.width, frame.height, s_tileEdge);
-    kyNetProgress::start("Rendering", static_cast<double>(tiles.getCount()));
-    forEachLiving([&](RemoteServer& server) {
-        server.renderTiles(tiles, tileTimeout,
-                           [&](const Tile& tile, const std::vector<Vector>& pixels) {
-                               const std::lock_guard<std::mutex> guard(imageLock);
-                               image.setTile(tile, pixels);
-                               kyNetProgress::add(1.0);
-                           });
+    FrameQueue queue(frames, first, s_tileEdge);
+    Pictures pictures;
+    kyNetProgress::start("Rendering", static_cast<double>(queue.countTiles()));
+    auto crew = std::async(std::launch::async, [&] {
+        forEach(getLiving(), [&](RemoteServer& server) {
+            server.render(queue, limit, [&](auto number, auto& tile, auto& pixels) {
+                pictures.setTile(number, queue.getFrame(number), tile, pixels);
+                kyNetProgress::add(1.0);
+            });
+        });
+        // Nobody is left who could finish anything.
+        queue.close();
     });
-    if (!tiles.isFinished()) {
+    try {
+        lead(queue, first, m_lastFrame + 1, limit, [&](std::int32_t number) {
+            onPicture(static_cast<std::size_t>(number - first), pictures.take(number));
+        });
+    } catch (const std::exception&) {
+        m_isEnding = true;
+        queue.close();
+        for (const auto& server : m_started) {
+            server->shutdown();
+        }
+        throw;
+    }
+}
+
+void RenderCluster::lead(FrameQueue& queue, std::int32_t first, std::int32_t end, double limit,
+                         const std::function<void(std::int32_t)>& deliver)
+{
+    const auto finish = [&](std::int32_t number) {
+        if (!queue.waitFinished(number)) {
+            throw kyNetError(s_noServers);
+        }
+        deliver(number);
+    };
+    for (std::int32_t number = first; number < end; ++number) {
+        queue.announce(number);
+        // A server may have two tiles in work before it comes to the frame.
+        synchronise(number, 2.0 * limit);
         requireServers();
+        queue.release(number);
+        if (number > first) {
+            finish(number - 1);
+        }
+        queue.waitTaken();
     }
-    synchronise(number);
-    return image;
+    finish(end - 1);
 }
 
-void RenderCluster::forEachLiving(const std::function<void(RemoteServer&)>& task)
-{
-    const Servers servers = m_living;
-    std::vector<char> isLost(servers.size(), 0);
-    forEachAtOnce(servers.size(), [&](std::size_t i) {
-        try {
-            task(*servers[i]);
-        } catch (const std::exception& e) {
-            isLost[i] = 1;
-            this->warn("Lost " + servers[i]->describe() + ": " + e.what());
-        }
-    });
-    m_living.clear();
-    for (std::size_t i = 0; i < servers.size(); ++i) {
-        if (isLost[i] == 0) {
-            m_living.push_back(servers[i]);
-        }
-    }
-}
-
-void RenderCluster::synchronise(std::int32_t frame)
+void RenderCluster::synchronise(std::int32_t frame, double limit)
 {
     // A group fails because a member is gone, whom the next group is made without; this is for a
     // member that comes back each time.
-    std::size_t attempts = m_living.size() + 1;
-    while (!m_living.empty()) {
-        if (m_synchronised != m_living) {
-            openSync();
+    std::size_t attempts = m_started.size() + 1;
+    for (;;) {
+        const Servers living = getLiving();
+        if (living.empty()) {
+            return;
+        }
+        if (m_synchronised != living) {
+            openSync(living);
             continue;
         }
         try {
-            m_sync->synchronise(frame);
-            return;
+            const Servers absent = m_sync->synchronise(frame, limit);
+            forEach(absent, [&](RemoteServer& server) { server.failAsSilent(limit); });
+            if (absent.empty()) {
+                return;
+            }
         } catch (const std::exception&) {
             m_synchronised.clear();
             if (--attempts == 0) {
@@ -170,37 +289,83 @@ void RenderCluster::synchronise(std::int32_t frame)
     }
 }
 
-void RenderCluster::openSync()
+void RenderCluster::openSync(const Servers& servers)
 {
     m_sync.reset();
     std::mutex lock;
-    std::map<const RemoteServer*, std::shared_ptr<kyNetLink>> channelOf;
-    forEachLiving([&](RemoteServer& server) {
-        auto channel = server.openSyncChannel();
+    std::map<const RemoteServer*, std::vector<std::shared_ptr<kyNetLink>>> channelsOf;
+    forEach(servers, [&](RemoteServer& server) {
+        auto channels = server.takeSyncChannels();
         const std::lock_guard<std::mutex> guard(lock);
-        channelOf[&server] = std::move(channel);
+        channelsOf[&server] = std::move(channels);
     });
-    std::vector<std::shared_ptr<kyNetLink>> channels;
-    for (const auto& server : m_living) {
-        channels.push_back(channelOf[server.get()]);
+    std::vector<std::vector<std::shared_ptr<kyNetLink>>> channels;
+    m_synchronised.clear();
+    for (const auto& server : servers) {
+        const auto opened = channelsOf.find(server.get());
+        if (opened != channelsOf.end()) {
+            m_synchronised.push_back(server);
+            channels.push_back(opened->second);
+        }
     }
     if (!channels.empty()) {
-        m_sync = std::make_unique<SyncGroup>(m_living, channels);
+        m_sync = std::make_unique<SyncGroup>(m_synchronised, channels, m_watchdog);
     }
-    m_synchronised = m_living;
 }
 
-void RenderCluster::warn(const std::string& text)
+void RenderCluster::reportTraffic()
 {
-    const std::lock_guard<std::mutex> guard(m_warnLock);
-    m_warn(text);
+    forEach(getLiving(), [](RemoteServer& server) { server.reportTraffic(); });
+}
+
+void RenderCluster::forEach(const Servers& servers, const std::function<void(RemoteServer&)>& task)
+{
+    forEachAtOnce(servers.size(), [&](std::size_t i) {
+        try {
+            task(*servers[i]);
+        } catch (const std::exception& e) {
+            lose(*servers[i], e.what());
+        }
+    });
+}
+
+void RenderCluster::lose(RemoteServer& server, const std::string& reason)
+{
+    {
+        const std::lock_guard<std::mutex> guard(m_lostLock);
+        if (m_isEnding || !m_lost.insert(&server).second) {
+            return;
+        }
+    }
+    warn("Lost " + server.describe() + ": " + reason);
+    server.giveUp();
+}
+
+bool RenderCluster::isLost(const RemoteServer& server) const
+{
+    const std::lock_guard<std::mutex> guard(m_lostLock);
+    return m_lost.count(&server) != 0;
+}
+
+RenderCluster::Servers RenderCluster::getLiving() const
+{
+    Servers living;
+    std::copy_if(m_started.begin(), m_started.end(), std::back_inserter(living),
+                 [this](const auto& server) { return !isLost(*server); });
+    return living;
 }
 
 void RenderCluster::requireServers() const
 {
-    if (m_living.empty()) {
-        throw kyNetError("No render server is left");
+    if (getLiving().empty()) {
+        throw kyNetError(s_noServers);
     }
+}
+
+void RenderCluster::warn(const std::string& text) const
+{
+    const std::lock_guard<std::mutex> guard(m_warnLock);
+    m_warn(text);
 }
 
 } // namespace render

@@ -123,9 +123,13 @@ Mesh buildBackdrop(const Camera& camera)
     constexpr int s_steps = 48;
     constexpr float s_halfWidth = 40.0F;
     constexpr float s_front = -30.0F;
-    constexpr float s_bend = 3.5F;
+    constexpr float s_nearestBend = 3.5F;
     constexpr float s_radius = 4.0F;
     constexpr float s_height = 30.0F;
+
+    // A camera on the far side stands above the foot of the bend, where it has hardly risen.
+    const float distance = length({camera.position.x, 0.0F, camera.position.z});
+    const float bend = std::max(s_nearestBend, distance - 0.5F * s_radius);
 
     const Vector up(0.0F, 1.0F, 0.0F);
     const Vector right = normalize(camera.right);
@@ -142,10 +146,10 @@ Mesh buildBackdrop(const Camera& camera)
     addLine(s_front, 0.0F, up);
     for (int i = 0; i <= s_steps; ++i) {
         const float angle = 0.5F * s_pi * static_cast<float>(i) / static_cast<float>(s_steps);
-        addLine(s_bend + s_radius * std::sin(angle), s_radius * (1.0F - std::cos(angle)),
+        addLine(bend + s_radius * std::sin(angle), s_radius * (1.0F - std::cos(angle)),
                 up * std::cos(angle) - away * std::sin(angle));
     }
-    addLine(s_bend + s_radius, s_height, -away);
+    addLine(bend + s_radius, s_height, -away);
     for (std::uint32_t i = 0; i + 3 < mesh.positions.size(); i += 2) {
         mesh.triangles.push_back({i, i + 1, i + 3});
         mesh.triangles.push_back({i, i + 3, i + 2});
@@ -192,6 +196,18 @@ Studio buildStudio(Mesh model, float aspect)
     studio.scene.sky = {Vector(0.04F, 0.05F, 0.07F), Vector(0.06F, 0.065F, 0.07F),
                         Vector(0.02F, 0.02F, 0.02F)};
     return studio;
+}
+
+Camera orbit(const Camera& camera, double degrees)
+{
+    // The stage has the model's middle at x = z = 0.
+    const double angle = degrees * 3.14159265358979 / 180.0;
+    const auto sine = static_cast<float>(std::sin(angle));
+    const auto cosine = static_cast<float>(std::cos(angle));
+    const auto turn = [&](const Vector& v) {
+        return Vector(cosine * v.x + sine * v.z, v.y, cosine * v.z - sine * v.x);
+    };
+    return {turn(camera.position), turn(camera.forward), turn(camera.right), turn(camera.up)};
 }
 
 } // namespace render

@@ -5,6 +5,12 @@
 #include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetError.h>
 
+bool MethodCompressor::knows(kyNetCompression method)
+{
+    return method == kyNetCompression::None || method == kyNetCompression::LocalImage ||
+           method == Lz4Compressor::s_method || method == ZstdCompressor::s_method;
+}
+
 std::shared_ptr<kyNetBuffer> MethodCompressor::compress(const std::shared_ptr<kyNetBuffer>& buffer)
 {
     const kyNetCompression requested = getRequestedCompression(buffer);

@@ -18,6 +18,9 @@
 class MethodCompressor final : public kyNetCompressorBase
 {
 public:
+    /// Whether the method is one of the above, or None.
+    static bool knows(kyNetCompression method);
+
     /// Throws kyNetError if the method that is set for the buffer is none of the above; for None,
     /// and where BlockCompressor says so, the buffer is returned as it is.
     std::shared_ptr<kyNetBuffer> compress(const std::shared_ptr<kyNetBuffer>& buffer) override;

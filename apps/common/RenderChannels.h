@@ -22,7 +22,7 @@ namespace render {
 ///        |                |                              |
 ///     buffered         balanced                    unbundle, one
 ///     /  |  \          /  |  \                     for each channel
-///     image          low latency                   /  |  |  |  |  \
+///      image         low latency                   |  |  |  |  |  |
 ///     channels        channels                       all channels
 ///
 /// Large buffers are compressed on all processors and leave on whichever image channel is free;

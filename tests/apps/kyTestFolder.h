@@ -35,6 +35,15 @@ public:
         return path(name);
     }
 
+    /// The same, of a file that only its owner may read.
+    std::string writeSecret(const std::string& name, const std::string& bytes) const
+    {
+        using std::filesystem::perms;
+        const std::string secret = write(name, bytes);
+        std::filesystem::permissions(secret, perms::owner_read | perms::owner_write);
+        return secret;
+    }
+
     /// How many files there are.
     std::ptrdiff_t count() const
     {

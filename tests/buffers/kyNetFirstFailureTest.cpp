@@ -110,6 +110,22 @@ TEST(kyNetFirstFailure, dropsWhatItHeldAtItsEnd)
     EXPECT_EQ(use.use_count(), 1);
 }
 
+TEST(kyNetFirstFailure, attemptStoresWhatItsStepThrows)
+{
+    kyNetFirstFailure failure;
+    int steps = 0;
+    EXPECT_TRUE(failure.attempt([&] { ++steps; }));
+    EXPECT_FALSE(failure.isSet());
+    EXPECT_FALSE(failure.attempt([&] {
+        ++steps;
+        throw std::runtime_error("lost");
+    }));
+    EXPECT_FALSE(failure.attempt([] { throw 42; }));
+    EXPECT_TRUE(failure.attempt([&] { ++steps; }));
+    EXPECT_EQ(steps, 3);
+    EXPECT_EQ(textOf(failure), "lost");
+}
+
 // Some store at the same moment, others ask: all of them are thrown the same one, and who has
 // stored sees it at once.
 TEST(kyNetFirstFailure, oneOfManyAtOnceWins)

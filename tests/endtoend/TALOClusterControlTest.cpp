@@ -17,6 +17,8 @@
 #include <NetBase/service/kyNetServiceCommand.h>
 #include <NetBase/service/kyNetServiceStatus.h>
 #include <apps/common/ServiceClient.h>
+#include <tests/apps/kyTestFolder.h>
+#include <tests/apps/kyTestKey.h>
 #include <tests/support/kyTestChildSystem.h>
 #include <tests/support/kyTestProgram.h>
 #include <tests/support/kyTestWait.h>
@@ -29,10 +31,8 @@ using Arguments = std::vector<std::string>;
 class Node
 {
 public:
-    Node()
-        : m_program(
-              kyTest::programPath("TALOClusterService"),
-              {"--port", "0", "--server", kyTest::childProgram("kyTestRenderServer")})
+    explicit Node(const Arguments& arguments = {})
+        : m_program(kyTest::programPath("TALOClusterService"), withDefaults(arguments))
     {
         const std::string line = m_program.readLine();
         m_port = std::stoi(line.substr(line.rfind(' ')));
@@ -43,6 +43,13 @@ public:
     kyTest::Program& program() { return m_program; }
 
 private:
+    static Arguments withDefaults(Arguments arguments)
+    {
+        arguments.insert(arguments.begin(),
+                         {"--port", "0", "--server", kyTest::childProgram("kyTestRenderServer")});
+        return arguments;
+    }
+
     kyTest::Program m_program;
     int m_port = 0;
 };
@@ -249,6 +256,52 @@ TEST(TALOClusterControl, nodesAreReachedThroughARelay)
     EXPECT_THAT(result.output, testing::HasSubstr(far.name() + " "));
     EXPECT_EQ(result.errors,
               dead + " through " + relay.name() + ": the relay cannot reach the node\n");
+}
+
+TEST(TALOClusterControl, keyOpensTheNodesThatHoldIt)
+{
+    const kyTest::Folder folder;
+    const std::string key = folder.writeSecret("key", kyTest::keyText("01"));
+    Node node({"--key", key});
+    EXPECT_EQ(controlJson({"start", "--node", node.name(), "--key", key})[0]["server"], 1);
+    EXPECT_EQ(controlJson({"--key", key, "status", "--node", node.name(), "--via",
+                           node.name()})[0]["status"]["servers"],
+              1);
+    EXPECT_GT(controlJson({"ping", "--node", node.name(), "--key", key})[0]["seconds"], 0.0);
+    EXPECT_EQ(control({"stop-service", "--node", node.name(), "--key", key}).exitCode, 0);
+    EXPECT_EQ(node.program().wait().exitCode, 0);
+}
+
+TEST(TALOClusterControl, keyThatDoesNotFitIsAFailureOfThatNode)
+{
+    const kyTest::Folder folder;
+    const std::string key = folder.writeSecret("key", kyTest::keyText("01"));
+    const std::string other = folder.writeSecret("other", kyTest::keyText("02"));
+    Node keyed({"--key", key});
+    Node open;
+    const auto errorsOf = [&](Arguments arguments) {
+        arguments.insert(arguments.begin(), {"status", "--node", keyed.name()});
+        const kyTest::ProgramResult result = control(arguments);
+        EXPECT_EQ(result.exitCode, 1);
+        return result.errors;
+    };
+    EXPECT_EQ(errorsOf({"--key", other}),
+              keyed.name() + ": The other side does not hold this key\n");
+    EXPECT_EQ(errorsOf({}), keyed.name() + ": This connection needs a key, and none was offered\n");
+    EXPECT_EQ(errorsOf({"--node", open.name(), "--key", key}),
+              open.name() + ": A key was offered to a side that has none\n");
+}
+
+TEST(TALOClusterControl, keyFileThatIsNoneIsAFailure)
+{
+    const kyTest::Folder folder;
+    const std::string path = folder.path("none");
+    const kyTest::ProgramResult result = control({"status", "--key", path});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_EQ(result.errors, "TALOClusterControl: Key file '" + path +
+                                 "' cannot be read. 2:No such file or directory\n");
+    EXPECT_EQ(control({"status", "--key"}).exitCode, 2);
 }
 
 TEST(TALOClusterControl, whatANodeSaysControlsNoTerminal)

@@ -2,12 +2,16 @@
 
 #include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <QByteArray>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,6 +25,10 @@
 #include <NetBase/serialization/kyNetStream.h>
 #include <NetBase/service/kyNetServiceCommand.h>
 #include <apps/common/ServiceClient.h>
+#include <apps/common/SharedKey.h>
+#include <tests/apps/kyTestFolder.h>
+#include <tests/apps/kyTestKey.h>
+#include <tests/support/kyTestChains.h>
 #include <tests/support/kyTestChildSystem.h>
 #include <tests/support/kyTestProgram.h>
 #include <tests/support/kyTestSystem.h>
@@ -28,6 +36,7 @@
 
 namespace {
 
+using Key = std::shared_ptr<const SharedKey>;
 using Links = std::vector<std::unique_ptr<kySocketLink>>;
 
 std::string daemonPath()
@@ -54,8 +63,12 @@ public:
     }
 
     int port() const { return m_port; }
-    ServiceClient client() const { return ServiceClient(NodeAddress{"127.0.0.1", m_port}); }
-    bool isServing() const { return client().status().getIsRunning(); }
+    std::string name() const { return "127.0.0.1:" + std::to_string(m_port); }
+    ServiceClient client(const Key& key = nullptr) const
+    {
+        return ServiceClient(NodeAddress{"127.0.0.1", m_port}, std::nullopt, key);
+    }
+    bool isServing(const Key& key = nullptr) const { return client(key).status().getIsRunning(); }
 
     std::unique_ptr<kySocketLink> connect() const
     {
@@ -151,6 +164,85 @@ std::string failureOf(const std::function<void()>& action)
     } catch (const kyNetError& e) {
         return e.what();
     }
+}
+
+constexpr const char* s_stranger = "The other side does not hold this key";
+constexpr const char* s_keyNeeded = "This connection needs a key, and none was offered";
+constexpr const char* s_noKeyThere = "A key was offered to a side that has none";
+
+/// The key of a cluster, and its file.
+class ClusterKey
+{
+public:
+    const std::string& file() const { return m_file; }
+    const Key& get() const { return m_key; }
+
+    /// What a daemon is started with.
+    std::vector<std::string> arguments() const { return {"--key", m_file}; }
+
+private:
+    const kyTest::Folder m_folder;
+    const std::string m_file = m_folder.writeSecret("key", kyTest::keyText("01") + "\n");
+    const Key m_key = kyTest::makeKey(1);
+};
+
+ServiceClient throughRelay(const Daemon& far, const Daemon& relay, const Key& key)
+{
+    return ServiceClient(NodeAddress{"127.0.0.1", far.port()},
+                         NodeAddress{"127.0.0.1", relay.port()}, key);
+}
+
+/// Ends the daemon and gives what it has logged.
+std::string logOf(Daemon& daemon)
+{
+    daemon.program().terminate();
+    const kyTest::ProgramResult result = daemon.program().wait();
+    EXPECT_EQ(result.exitCode, 0);
+    return result.errors;
+}
+
+/// How often a text holds another one.
+int countOf(const std::string& text, const std::string& part)
+{
+    int count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+/// Says the first words of a client with a key.
+void sendOffer(kySocketLink& link)
+{
+    link.send(kyTest::makeBuffer("taloKey1" + std::string(SharedKey::s_size, 'r')));
+}
+
+/// The buffers of one status request, as somebody on the way to the daemon sees them.
+std::vector<kyTest::Buffer> recordStatus(const Daemon& daemon, const Key& key)
+{
+    const kyBoundSocketLink listener(0);
+    const ServiceClient client(NodeAddress{"127.0.0.1", listener.getAddress().getPort()},
+                               std::nullopt, key);
+    auto asked = std::async(std::launch::async, [&] { return client.status().getVersion(); });
+    kySocketLink near(listener);
+    std::uint32_t word = 0;
+    near.recv(&word, sizeof(word));
+    near.send(&word, sizeof(word));
+
+    const auto far = daemon.greet();
+    std::vector<kyTest::Buffer> passed;
+    const auto pass = [&passed](kySocketLink& from, kySocketLink& to) {
+        passed.emplace_back();
+        from.recv(passed.back());
+        to.send(passed.back());
+    };
+    pass(near, *far); // offer
+    pass(*far, near); // answer
+    pass(near, *far); // proof
+    pass(near, *far); // request
+    pass(*far, near); // status
+    EXPECT_EQ(asked.get(), "11.0");
+    return passed;
 }
 
 } // namespace
@@ -613,6 +705,220 @@ TEST(TALOClusterService, terminationDoesNotWaitForSilentClients)
     daemon.program().terminate();
     EXPECT_EQ(daemon.program().wait().exitCode, 0);
     EXPECT_TRUE(isDropped(*silent));
+}
+
+// --- Keys ---
+
+TEST(TALOClusterService, clientsThatHoldTheKeyAreServed)
+{
+    const ClusterKey key;
+    Daemon daemon(key.arguments());
+    EXPECT_GT(daemon.client(key.get()).ping(), 0.0);
+    EXPECT_TRUE(daemon.isServing(key.get()));
+    const auto started = daemon.client(key.get()).startServer(behaving(""));
+    Talk first(started.link);
+    EXPECT_EQ(first.ask("hello"), "hello");
+    Talk second(daemon.client(key.get()).connectServer(started.id));
+    EXPECT_EQ(second.ask("process id"), first.ask("process id"));
+    EXPECT_EQ(failureOf([&] { daemon.client(key.get()).stopServer(77); }),
+              daemon.name() + ": Unknown server:77");
+    daemon.client(key.get()).stopServer(started.id);
+    EXPECT_TRUE(first.ends());
+    EXPECT_EQ(logOf(daemon), "");
+}
+
+TEST(TALOClusterService, clientWithAnotherKeyIsRefused)
+{
+    const ClusterKey key;
+    Daemon daemon(key.arguments());
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(failureOf([&] { daemon.client(kyTest::makeKey(2)).stopService(); }),
+                  daemon.name() + ": " + s_stranger);
+    }
+    EXPECT_TRUE(daemon.isServing(key.get()));
+    // Once, however often it comes.
+    EXPECT_EQ(countOf(logOf(daemon), std::string("Refused client 127.0.0.1: ") + s_stranger), 1);
+}
+
+TEST(TALOClusterService, clientWithoutKeyIsRefused)
+{
+    const ClusterKey key;
+    Daemon daemon(key.arguments());
+    const std::string failure = daemon.name() + ": " + s_keyNeeded;
+    EXPECT_EQ(failureOf([&] { daemon.client().status(); }), failure);
+    EXPECT_EQ(failureOf([&] { daemon.client().stopService(); }), failure);
+    EXPECT_EQ(failureOf([&] { daemon.client().stopServer(1); }), failure);
+    EXPECT_EQ(failureOf([&] { daemon.client().startServer(behaving("")); }), failure);
+    EXPECT_EQ(daemon.client(key.get()).status().getNumberOfClusterServers(), 0);
+    EXPECT_EQ(countOf(logOf(daemon), std::string("Refused client 127.0.0.1: ") + s_keyNeeded), 1);
+}
+
+TEST(TALOClusterService, serviceWithoutKeyTurnsAnOfferDown)
+{
+    Daemon daemon;
+    EXPECT_EQ(failureOf([&] { daemon.client(kyTest::makeKey(1)).status(); }),
+              daemon.name() + ": " + s_noKeyThere);
+    EXPECT_TRUE(daemon.isServing());
+    EXPECT_EQ(countOf(logOf(daemon), std::string("Refused client 127.0.0.1: ") + s_noKeyThere), 1);
+}
+
+TEST(TALOClusterService, relayAndNodeBothProveThemselves)
+{
+    const ClusterKey key;
+    const Daemon relay(key.arguments());
+    const Daemon far(key.arguments());
+    const ServiceClient client = throughRelay(far, relay, key.get());
+    EXPECT_GT(client.ping(), 0.0);
+    Talk talk(client.startServer({}).link);
+    EXPECT_EQ(talk.ask("hello"), "hello");
+    EXPECT_EQ(client.status().getNumberOfClusterServers(), 1);
+    EXPECT_EQ(relay.client(key.get()).status().getNumberOfClusterServers(), 0);
+}
+
+TEST(TALOClusterService, eitherEndOfARelayTellsWhatIsWrongWithTheKey)
+{
+    const ClusterKey key;
+    const Daemon relay(key.arguments());
+    const Daemon far(key.arguments());
+    const Daemon open;
+    const auto failureThrough = [](const Daemon& node, const Daemon& way, const Key& held) {
+        const std::string failure = failureOf([&] { throughRelay(node, way, held).status(); });
+        const std::string prefix = node.name() + " through " + way.name() + ": ";
+        EXPECT_EQ(failure.substr(0, prefix.size()), prefix);
+        return failure.substr(prefix.size());
+    };
+    EXPECT_EQ(failureThrough(far, relay, nullptr), s_keyNeeded);
+    EXPECT_EQ(failureThrough(far, relay, kyTest::makeKey(2)), s_stranger);
+    EXPECT_EQ(failureThrough(far, open, key.get()), s_noKeyThere);
+    EXPECT_EQ(failureThrough(open, relay, key.get()), s_noKeyThere);
+    EXPECT_EQ(failureThrough(far, open, nullptr), s_keyNeeded);
+}
+
+TEST(TALOClusterService, requestsAndAnswersAreHidden)
+{
+    const ClusterKey key;
+    const Daemon daemon(key.arguments());
+    const auto passed = recordStatus(daemon, key.get());
+    EXPECT_EQ(kyTest::dataOf(*passed[4]).find("11.0"), std::string::npos);
+    EXPECT_NE(kyTest::toHex(*passed[3]), "06 00 00 00");
+}
+
+TEST(TALOClusterService, recordedClientIsRefused)
+{
+    const ClusterKey key;
+    Daemon daemon(key.arguments());
+    const auto passed = recordStatus(daemon, key.get());
+    const auto link = daemon.greet();
+    link->send(passed[0]);
+    kyTest::Buffer challenge;
+    link->recv(challenge);
+    EXPECT_NE(kyTest::dataOf(*challenge), kyTest::dataOf(*passed[1]));
+    link->send(passed[2]);
+    link->send(passed[3]);
+    EXPECT_TRUE(isDropped(*link));
+    EXPECT_EQ(countOf(logOf(daemon), s_stranger), 1);
+}
+
+TEST(TALOClusterService, proofOfTheServiceItselfIsRefused)
+{
+    const ClusterKey key;
+    const Daemon daemon(key.arguments());
+    const auto link = daemon.greet();
+    sendOffer(*link);
+    kyTest::Buffer challenge;
+    link->recv(challenge);
+    // Its result, its random bytes, its proof.
+    link->send(kyTest::makeBuffer(kyTest::dataOf(*challenge).substr(33)));
+    EXPECT_TRUE(isDropped(*link));
+    EXPECT_TRUE(daemon.isServing(key.get()));
+}
+
+TEST(TALOClusterService, garbageInsteadOfAnOfferIsDropped)
+{
+    const ClusterKey key;
+    const Daemon daemon(key.arguments());
+    for (const std::size_t size : {20U, 100U, 1U << 20}) {
+        const auto link = daemon.greet();
+        const std::string garbage(size, '\xee');
+        try {
+            link->send(garbage.data(), garbage.size());
+        } catch (const kyConnectionClosed&) {
+            // It need not wait for the rest.
+        }
+        EXPECT_TRUE(daemon.isServing(key.get()));
+        EXPECT_TRUE(isDropped(*link));
+    }
+}
+
+TEST(TALOClusterService, clientsThatStopInTheirExchangeKeepNobodyWaiting)
+{
+    const ClusterKey key;
+    const Daemon daemon(key.arguments());
+    Links silent;
+    for (int i = 0; i < 80; ++i) {
+        silent.push_back(daemon.greet());
+        sendOffer(*silent.back());
+    }
+    EXPECT_TRUE(daemon.isServing(key.get()));
+    EXPECT_TRUE(isDropped(*silent.front()));
+    EXPECT_TRUE(isDropped(*silent.back())); // after the time that a client is waited for
+}
+
+TEST(TALOClusterService, floodOfStrangersFillsNoLog)
+{
+    const ClusterKey key;
+    Daemon daemon(key.arguments());
+    for (int i = 0; i < 200; ++i) {
+        daemon.greet()->send(kyTest::makeBuffer("request"));
+    }
+    EXPECT_TRUE(daemon.isServing(key.get()));
+    EXPECT_LE(countOf(logOf(daemon), "Refused client"), 1);
+}
+
+TEST(TALOClusterService, terminationDoesNotWaitForAnExchange)
+{
+    const ClusterKey key;
+    Daemon daemon(key.arguments());
+    const auto silent = daemon.greet();
+    sendOffer(*silent);
+    kyTest::Buffer challenge;
+    silent->recv(challenge);
+    EXPECT_EQ(logOf(daemon), "");
+    EXPECT_TRUE(isDropped(*silent));
+}
+
+TEST(TALOClusterService, serversLearnTheKeyFileWhereverTheyRun)
+{
+    const ClusterKey key;
+    const std::string relative = std::filesystem::relative(key.file()).string();
+    const Daemon daemon({"--key", relative});
+    Talk talk(daemon.client(key.get()).startServer({}).link);
+    const std::string told = talk.ask("key file");
+    EXPECT_EQ(told.front(), '/');
+    EXPECT_TRUE(std::filesystem::equivalent(told, key.file())) << told;
+}
+
+TEST(TALOClusterService, serversOfAServiceWithoutKeyLearnNone)
+{
+    qputenv(SharedKey::s_fileVariable, "/somebody/else's");
+    const Daemon daemon;
+    qunsetenv(SharedKey::s_fileVariable);
+    Talk talk(daemon.client().startServer({}).link);
+    EXPECT_EQ(talk.ask("key file"), "");
+}
+
+TEST(TALOClusterService, keyFileThatIsNoneIsAFailure)
+{
+    const kyTest::Folder folder;
+    const std::string path = folder.writeSecret("key", "secret");
+    const kyTest::ProgramResult result =
+        kyTest::runProgram(daemonPath(), {"--port", "0", "--key", path});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_THAT(result.errors, testing::HasSubstr("TALOClusterService: Key file '" + path +
+                                                  "' does not hold 64 hexadecimal digits\n"));
+    EXPECT_EQ(kyTest::runProgram(daemonPath(), {"--port", "0", "--key", ""}).exitCode, 1);
+    EXPECT_EQ(kyTest::runProgram(daemonPath(), {"--port", "0", "--key"}).exitCode, 2);
 }
 
 // --- The command line ---

@@ -8,7 +8,6 @@
 #include <future>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,9 +28,11 @@
 #include <NetBase/service/kyNetServiceCommand.h>
 #include <NetBase/service/kyNetServiceStatus.h>
 #include <QtProcess/exProcess.h>
-#include <Utils/kyLog.h>
 #include <VersionInfo/kyVersionInfo.h>
+#include <tests/links/kyLinkFixtures.h>
+#include <tests/support/kyTestChains.h>
 #include <tests/support/kyTestChildSystem.h>
+#include <tests/support/kyTestLog.h>
 #include <tests/support/kyTestRawPipe.h>
 #include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestWait.h>
@@ -39,36 +40,12 @@
 namespace {
 
 using Command = kyNetServiceCommand;
+using kyTest::LogCapture;
 
 std::string renderServer()
 {
     return kyTest::childProgram("kyTestRenderServer");
 }
-
-/// Collects what is logged instead of printing it.
-class LogCapture
-{
-public:
-    LogCapture()
-    {
-        kyLog::setSink([this](kyLog::Severity, int, const std::string& text) {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_texts.push_back(text);
-        });
-    }
-
-    ~LogCapture() { kyLog::setSink({}); }
-
-    std::vector<std::string> texts() const
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_texts;
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_texts;
-};
 
 /// A service that runs on a port of its own.
 class Host
@@ -876,6 +853,31 @@ TEST(kyNetService, relayLeadsToAnotherServiceAndItsServers)
     EXPECT_EQ(relay.service.serverCount(), 0);
     const std::string large(1 << 20, 'x');
     EXPECT_EQ(client.ask(large), large);
+}
+
+TEST(kyNetService, relayLeavesBuffersAsTheyAreOnceTheRequestIsAnswered)
+{
+    Host far;
+    kyNetService relay(0, "");
+    const auto [client, served] = kyTest::makeLinks();
+    client->setRecvTimeout(30.0);
+    client->setCipher(std::make_shared<kyTest::XorCipher>());
+    served->setCipher(std::make_shared<kyTest::XorCipher>());
+    kyNetStream stream(client);
+    stream << Command::ConnectService << "127.0.0.1" << static_cast<std::uint32_t>(far.port());
+    stream.flush();
+    relay.handleExternalRequest(served.get());
+    bool isConnected = false;
+    stream >> isConnected;
+    ASSERT_TRUE(isConnected);
+
+    // The far service has no cipher, so neither has this client now.
+    client->setCipher(nullptr);
+    stream << Command::GetStatus;
+    stream.flush();
+    kyNetServiceStatus status;
+    stream.recvResult() >> status;
+    EXPECT_TRUE(status.getIsRunning());
 }
 
 TEST(kyNetService, relayOverTwoServices)

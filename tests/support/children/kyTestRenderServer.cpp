@@ -22,9 +22,9 @@ namespace {
 
 std::vector<std::string> s_arguments;
 
-std::string variable()
+std::string variable(const char* name = "TALO_LOCAL_SERVICE")
 {
-    const char* value = std::getenv("TALO_LOCAL_SERVICE");
+    const char* value = std::getenv(name);
     return value != nullptr ? value : "";
 }
 
@@ -50,6 +50,9 @@ std::string answer(const std::string& question)
     }
     if (question == "variable") {
         return variable();
+    }
+    if (question == "key file") {
+        return variable("TALO_KEY_FILE");
     }
     if (question == "pipe") {
         return pipeName();

@@ -1,0 +1,150 @@
+#include <NetBase/receivers/kyNetDecompressReceiver.h>
+
+#include <utility>
+
+#include <tbb/concurrent_queue.h>
+
+#include <NetBase/buffers/kyNetBuffer.h>
+#include <NetBase/buffers/kyNetBufferPool.h>
+#include <NetBase/buffers/kyNetError.h>
+#include <NetBase/buffers/kyNetOptions.h>
+#include <NetBase/platform/kyThreads.h>
+#include <NetBase/receivers/kyNetRecvQueue.h>
+#include <NetBase/senders/kyNetCompressorBase.h>
+
+namespace {
+
+using Buffer = std::shared_ptr<kyNetBuffer>;
+
+/// A buffer that waits to be decompressed. Until it is ready, more comes from its source. The
+/// threads end at an empty one.
+struct Waiting
+{
+    Buffer buffer;
+    std::shared_ptr<kyNetRecvQueue::Source> source;
+};
+
+/// What a compressor has made. Throws if that is nothing.
+Buffer checked(Buffer made)
+{
+    if (!made) {
+        throw kyNetError("The compressor has returned no buffer.");
+    }
+    return made;
+}
+
+} // namespace
+
+class kyNetDecompressReceiver::Compressed : public tbb::concurrent_bounded_queue<Waiting>
+{
+};
+
+kyNetDecompressReceiver::kyNetDecompressReceiver(
+    const std::shared_ptr<kyNetCompressorBase>& compressor,
+    const std::vector<std::shared_ptr<kyNetReceiver>>& children)
+    : kyNetReceiver(children),
+      m_compressor(compressor),
+      m_output(std::make_unique<kyNetRecvQueue>()),
+      m_compressed(std::make_unique<Compressed>())
+{
+    try {
+        startThreads(children);
+    } catch (...) {
+        stop();
+        throw;
+    }
+}
+
+kyNetDecompressReceiver::~kyNetDecompressReceiver()
+{
+    stop();
+}
+
+std::shared_ptr<kyNetReceiver>
+kyNetDecompressReceiver::create(const std::shared_ptr<kyNetCompressorBase>& compressor,
+                                const std::vector<std::shared_ptr<kyNetReceiver>>& children)
+{
+    return std::make_shared<kyNetDecompressReceiver>(compressor, children);
+}
+
+void kyNetDecompressReceiver::startThreads(
+    const std::vector<std::shared_ptr<kyNetReceiver>>& children)
+{
+    for (const auto& child : children) {
+        m_readers.emplace_back([this, child, source = m_output->addSource()] {
+            m_output->readFrom(*child, [&](Buffer&& buffer) {
+                // An empty one would end a thread.
+                if (buffer->getCompression() != kyNetCompression::None &&
+                    buffer->getDataSize() != 0) {
+                    m_compressed->push({std::move(buffer), source});
+                } else {
+                    m_output->push(std::move(buffer));
+                }
+            });
+        });
+    }
+    for (unsigned i = 0; i < kyThreads::countHardwareThreads(); ++i) {
+        m_workers.emplace_back([this] {
+            kyThreads::resetProcessors();
+            decompressLoop();
+        });
+    }
+}
+
+void kyNetDecompressReceiver::decompressLoop()
+{
+    for (;;) {
+        Waiting next;
+        m_compressed->pop(next);
+        if (next.buffer->getDataSize() == 0) {
+            return;
+        }
+        const bool isReady = m_output->attempt(
+            [&] { m_output->push(checked(m_compressor->decompress(next.buffer))); });
+        if (!isReady) {
+            m_output->pushFailure();
+        }
+    }
+}
+
+void kyNetDecompressReceiver::recv(std::shared_ptr<kyNetBuffer>& buffer)
+{
+    m_output->recv(buffer);
+}
+
+void kyNetDecompressReceiver::recvAvailable(std::queue<std::shared_ptr<kyNetBuffer>>& queue)
+{
+    m_output->recvAvailable(queue);
+}
+
+void kyNetDecompressReceiver::addToRecvQueue(const std::shared_ptr<kyNetBuffer>& buffer)
+{
+    const bool isCompressedHere =
+        kyNetOptions::getImageCompression() == kyNetCompression::LocalImage &&
+        m_compressor->shouldCompressLocal(buffer);
+    m_output->push(isCompressedHere ? checked(m_compressor->compress(buffer)) : buffer);
+}
+
+bool kyNetDecompressReceiver::isReadable()
+{
+    return m_output->isReadable();
+}
+
+void kyNetDecompressReceiver::stop()
+{
+    shutdown();
+    for (std::thread& reader : m_readers) {
+        reader.join();
+    }
+
+    for (Waiting dropped; m_compressed->try_pop(dropped);) {
+    }
+    const Buffer endMarker = kyNetBufferPool::pop();
+    endMarker->setDataSize(0);
+    for (std::size_t i = 0; i < m_workers.size(); ++i) {
+        m_compressed->push({endMarker, nullptr});
+    }
+    for (std::thread& worker : m_workers) {
+        worker.join();
+    }
+}

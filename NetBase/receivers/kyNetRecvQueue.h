@@ -1,0 +1,107 @@
+#pragma once
+
+#include <atomic>
+#include <exception>
+#include <memory>
+#include <queue>
+#include <utility>
+
+#include <tbb/concurrent_queue.h>
+
+#include <NetBase/buffers/kyNetAffinityManager.h>
+#include <NetBase/buffers/kyNetFirstFailure.h>
+#include <NetBase/platform/kyThreads.h>
+#include <NetBase/receivers/kyNetReceiver.h>
+
+class kyNetBuffer;
+
+/// What stands between the workers of a threaded receiver and the thread that receives: the
+/// buffers that have arrived, the first failure, and whether more can come.
+///
+/// Every child is a source, from before its thread is started until all that it has delivered is
+/// pushed, also by other threads; the last of them lets go of it:
+///
+///     std::thread([queue, child, source = queue->addSource()] {
+///         queue->readFrom(*child, [queue](Buffer&& buffer) { queue->push(std::move(buffer)); });
+///     });
+///
+/// A source only ends by a failure. Its end pushes an empty buffer, which tells the reader behind
+/// everything that came before. Once all sources have ended and nothing is left, nobody waits.
+///
+/// Threads: any number push; one at a time calls recv, recvAvailable and isReadable.
+class kyNetRecvQueue
+{
+public:
+    using Buffer = std::shared_ptr<kyNetBuffer>;
+
+    /// Something that more can come from while it lives.
+    class Source
+    {
+    public:
+        explicit Source(kyNetRecvQueue& queue);
+        ~Source();
+
+        Source(const Source&) = delete;
+        Source& operator=(const Source&) = delete;
+
+    private:
+        kyNetRecvQueue& m_queue;
+    };
+
+    /// A source that has to end before the queue does.
+    std::shared_ptr<Source> addSource() { return std::make_shared<Source>(*this); }
+
+    void push(Buffer buffer) { m_arrived.push(std::move(buffer)); }
+
+    /// Tells the reader, behind all that was pushed before, that something has failed.
+    void pushFailure() noexcept;
+
+    /// The work of a thread that reads ahead: gives all that the child receives to `deliver`, until
+    /// one of them fails.
+    template <class Deliver> void readFrom(kyNetReceiver& child, const Deliver& deliver) noexcept
+    {
+        attempt([&] {
+            kyThreads::resetProcessors();
+            kyNetAffinityManager::setNodeAffinity(child.getNodeAffinity());
+            for (;;) {
+                Buffer buffer;
+                child.recv(buffer);
+                deliver(std::move(buffer));
+            }
+        });
+    }
+
+    /// Runs a step of a worker. What it throws is the failure, and the result false.
+    template <class Step> bool attempt(const Step& step) noexcept
+    {
+        try {
+            step();
+            return true;
+        } catch (...) {
+            m_failure.store(std::current_exception());
+            return false;
+        }
+    }
+
+    /// The next buffer; blocks until there is one. Throws the first failure instead of delivering
+    /// an empty buffer after it, and every time once nothing can come any more; without a failure,
+    /// as without sources, that is kyConnectionClosed.
+    void recv(Buffer& buffer);
+
+    /// Appends all that has arrived, up to the first failure; blocks and throws as recv.
+    void recvAvailable(std::queue<Buffer>& queue);
+
+    /// Whether recv would deliver or throw at once.
+    bool isReadable();
+
+private:
+    bool isFailureNext() const;
+    bool isAtEnd() const { return m_sources == 0 && m_failure.isSet(); }
+    void takeArrived();
+    [[noreturn]] void throwEnd() const;
+
+    tbb::concurrent_bounded_queue<Buffer> m_arrived;
+    std::queue<Buffer> m_taken; ///< The reader's part of what has arrived.
+    kyNetFirstFailure m_failure;
+    std::atomic<int> m_sources{0};
+};

@@ -1,0 +1,144 @@
+#include <apps/TALORender/FrameQueue.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace render {
+
+FrameQueue::FrameQueue(std::vector<Frame> frames, std::int32_t first, std::uint32_t edge)
+    : m_frames(std::move(frames)),
+      m_first(first),
+      m_edge(edge),
+      m_announced(first - 1),
+      m_unfinishedFrames(m_frames.size())
+{
+}
+
+const Frame& FrameQueue::getFrame(std::int32_t number) const
+{
+    return m_frames.at(static_cast<std::size_t>(number - m_first));
+}
+
+std::size_t FrameQueue::countTiles() const
+{
+    std::size_t count = 0;
+    for (const Frame& frame : m_frames) {
+        count += cut(frame).size();
+    }
+    return count;
+}
+
+std::deque<Tile> FrameQueue::cut(const Frame& frame) const
+{
+    std::deque<Tile> tiles;
+    for (std::uint32_t y = 0; y < frame.height; y += m_edge) {
+        for (std::uint32_t x = 0; x < frame.width; x += m_edge) {
+            tiles.push_back(
+                {x, y, std::min(m_edge, frame.width - x), std::min(m_edge, frame.height - y)});
+        }
+    }
+    return tiles;
+}
+
+void FrameQueue::announce(std::int32_t number)
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_announced = number;
+    m_changed.notify_all();
+}
+
+void FrameQueue::release(std::int32_t number)
+{
+    std::deque<Tile> tiles = cut(getFrame(number));
+    const std::lock_guard<std::mutex> guard(m_lock);
+    const std::size_t count = tiles.size();
+    m_released[number] = {std::move(tiles), count};
+    m_changed.notify_all();
+}
+
+void FrameQueue::waitTaken()
+{
+    std::unique_lock<std::mutex> guard(m_lock);
+    m_changed.wait(guard, [this] { return m_isClosed || isTaken(); });
+}
+
+bool FrameQueue::waitFinished(std::int32_t number)
+{
+    std::unique_lock<std::mutex> guard(m_lock);
+    const Progress& progress = m_released.at(number);
+    m_changed.wait(guard, [&] { return m_isClosed || progress.unfinished == 0; });
+    return progress.unfinished == 0;
+}
+
+std::optional<FrameQueue::Task> FrameQueue::tryTake(std::int32_t& begun)
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return pop(begun);
+}
+
+std::optional<FrameQueue::Task> FrameQueue::take(std::int32_t& begun)
+{
+    std::unique_lock<std::mutex> guard(m_lock);
+    std::optional<Task> task;
+    m_changed.wait(guard, [&] {
+        task = pop(begun);
+        return task || m_isClosed || isAllFinished();
+    });
+    return task;
+}
+
+std::optional<FrameQueue::Task> FrameQueue::pop(std::int32_t& begun)
+{
+    if (m_isClosed) {
+        return std::nullopt;
+    }
+    begun = std::max(begun, m_first - 1);
+    if (begun < m_announced) {
+        return Task{++begun, std::nullopt};
+    }
+    for (auto& [number, progress] : m_released) {
+        if (!progress.waiting.empty()) {
+            const Task task{number, progress.waiting.front()};
+            progress.waiting.pop_front();
+            m_changed.notify_all();
+            return task;
+        }
+    }
+    return std::nullopt;
+}
+
+void FrameQueue::finish(const Task& task)
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    if (--m_released.at(task.frame).unfinished == 0) {
+        --m_unfinishedFrames;
+        m_changed.notify_all();
+    }
+}
+
+void FrameQueue::giveBack(const Task& task)
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_released.at(task.frame).waiting.push_front(task.tile.value());
+    m_changed.notify_all();
+}
+
+void FrameQueue::close()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_isClosed = true;
+    m_changed.notify_all();
+}
+
+bool FrameQueue::isTaken() const
+{
+    return std::all_of(m_released.begin(), m_released.end(),
+                       [](const auto& each) { return each.second.waiting.empty(); });
+}
+
+bool FrameQueue::isAllFinished() const
+{
+    return m_unfinishedFrames == 0;
+}
+
+} // namespace render

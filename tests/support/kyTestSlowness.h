@@ -1,0 +1,9 @@
+#pragma once
+
+namespace kyTest {
+
+/// Whether a sanitizer or the count of lines slows everything down, so that a test of many
+/// repetitions takes fewer.
+constexpr bool s_isSlow = KY_TEST_IS_SLOW;
+
+} // namespace kyTest
