@@ -406,6 +406,16 @@ TEST(exProcess, childInheritsNoDescriptor)
     }
 }
 
+TEST(exProcess, childHoldsNothingOpenThatThisProcessCloses)
+{
+    kyTest::InheritableDescriptor inheritable;
+    Child child("wait");
+    ASSERT_TRUE(child.process.start());
+    ASSERT_TRUE(child.hasWritten("ready"));
+    EXPECT_TRUE(inheritable.closeLast());
+    EXPECT_TRUE(child.process.isRunning());
+}
+
 TEST(exProcess, childNoticesEverySignal)
 {
     const kyTest::DeafToSignals deaf;

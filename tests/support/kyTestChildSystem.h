@@ -36,11 +36,16 @@ public:
     InheritableDescriptor();
     ~InheritableDescriptor();
 
+    /// Closes it; true if no other process has it open, too.
+    bool closeLast();
+
     InheritableDescriptor(const InheritableDescriptor&) = delete;
     InheritableDescriptor& operator=(const InheritableDescriptor&) = delete;
 
 private:
-    int m_value;
+    int m_value = -1;
+    /// Notices when the last one of the others is closed.
+    int m_watch = -1;
 };
 
 /// Ignores and blocks signals in this process and thread; undone on destruction.

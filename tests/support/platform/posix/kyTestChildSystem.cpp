@@ -5,9 +5,11 @@
 #include <cstdint>
 #include <fstream>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -75,16 +77,27 @@ bool isAdministrator()
     return ::geteuid() == 0;
 }
 
-InheritableDescriptor::InheritableDescriptor() : m_value(::open("/dev/null", O_RDWR))
+InheritableDescriptor::InheritableDescriptor()
 {
-    if (m_value < 0) {
-        throw std::system_error(errno, std::generic_category(), "open");
+    int ends[2];
+    if (::pipe(ends) != 0) {
+        throw std::system_error(errno, std::generic_category(), "pipe");
     }
+    m_watch = ends[0];
+    m_value = ends[1];
 }
 
 InheritableDescriptor::~InheritableDescriptor()
 {
-    ::close(m_value);
+    closeLast();
+    ::close(m_watch);
+}
+
+bool InheritableDescriptor::closeLast()
+{
+    ::close(std::exchange(m_value, -1));
+    pollfd watched{m_watch, 0, 0};
+    return ::poll(&watched, 1, 0) == 1 && (watched.revents & POLLHUP) != 0;
 }
 
 DeafToSignals::DeafToSignals()

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <system_error>
+#include <utility>
 
 #include <windows.h>
 
@@ -11,13 +12,29 @@ namespace kyTest {
 
 namespace {
 
+[[noreturn]] void fail()
+{
+    throw std::system_error(static_cast<int>(::GetLastError()), std::system_category());
+}
+
 kyHandle checked(HANDLE value)
 {
     kyHandle handle(value);
     if (!handle.isValid()) {
-        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category());
+        fail();
     }
     return handle;
+}
+
+/// A handle has 32 significant bits.
+HANDLE toHandle(int value)
+{
+    return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(value));
+}
+
+int toValue(HANDLE handle)
+{
+    return static_cast<int>(reinterpret_cast<std::intptr_t>(handle));
 }
 
 BOOL WINAPI doNothing(DWORD)
@@ -93,15 +110,28 @@ bool isAdministrator()
 
 InheritableDescriptor::InheritableDescriptor()
 {
+    HANDLE ends[2]{};
     SECURITY_ATTRIBUTES inherited{sizeof(inherited), nullptr, TRUE};
-    const HANDLE made = checked(::CreateEventW(&inherited, TRUE, FALSE, nullptr)).release();
-    // A handle has 32 significant bits.
-    m_value = static_cast<int>(reinterpret_cast<std::intptr_t>(made));
+    if (!::CreatePipe(&ends[0], &ends[1], &inherited, 0)) {
+        fail();
+    }
+    m_watch = toValue(ends[0]);
+    m_value = toValue(ends[1]);
 }
 
 InheritableDescriptor::~InheritableDescriptor()
 {
-    ::CloseHandle(reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(m_value)));
+    closeLast();
+    ::CloseHandle(toHandle(m_watch));
+}
+
+bool InheritableDescriptor::closeLast()
+{
+    if (m_value != -1) {
+        ::CloseHandle(toHandle(std::exchange(m_value, -1)));
+    }
+    return !::PeekNamedPipe(toHandle(m_watch), nullptr, 0, nullptr, nullptr, nullptr) &&
+           ::GetLastError() == ERROR_BROKEN_PIPE;
 }
 
 DeafToSignals::DeafToSignals()
