@@ -17,6 +17,7 @@ using kyTest::describeCode;
 using kyTest::failureOf;
 using kyTest::failureWithin;
 using kyTest::getSocketOptions;
+using kyTest::nextDescriptor;
 using kyTest::OpenLink;
 using kyTest::RawSocket;
 using kyTest::SocketOptions;
@@ -24,12 +25,6 @@ using kyTest::SocketOptions;
 int portOf(const kySocketLink& link)
 {
     return link.getAddress().getPort();
-}
-
-/// The number that the next descriptor gets: as a limit it leaves room for none.
-std::size_t nextDescriptor()
-{
-    return static_cast<std::size_t>(RawSocket(kyTest::makeUnconnected()).getHandle());
 }
 
 } // namespace

@@ -337,14 +337,14 @@ TEST(kyNetService, failingAcceptEndsRunWithALogLine)
     kyNetService(service.getPort(), "").run();
 
     const kySocketLink client(localAddress(service.getPort()), 5.0);
-    const std::uint64_t next = kyTest::openFile();
-    kyTest::closeSocket(next);
     {
-        const kyTest::DescriptorLimit limit(static_cast<std::size_t>(next));
+        const kyTest::DescriptorLimit limit(kyTest::nextDescriptor());
         service.run();
     }
     ASSERT_EQ(log.texts().size(), 2U);
-    EXPECT_THAT(log.texts()[1], testing::StartsWith("Unable to accept incomming connection. 24:"));
+    EXPECT_THAT(log.texts()[1],
+                testing::StartsWith("Unable to accept incomming connection. " +
+                                    std::to_string(kyTest::getNoDescriptorCode()) + ":"));
 }
 
 TEST(kyNetService, stopRequestIsAnsweredAndEndsRun)

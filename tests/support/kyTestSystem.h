@@ -14,6 +14,9 @@ std::string describeDescriptors();
 /// How many descriptors this process holds open.
 std::size_t countDescriptors();
 
+/// The number that the next descriptor gets: as a limit it leaves room for none.
+std::size_t nextDescriptor();
+
 /// How many threads this process runs, the caller's included.
 std::size_t countThreads();
 

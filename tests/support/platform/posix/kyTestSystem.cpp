@@ -1,12 +1,14 @@
 #include <tests/support/kyTestSystem.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -49,6 +51,16 @@ std::size_t countDescriptors()
     std::size_t count = 0;
     walk("/proc/self/fd", [&](const std::string&) { ++count; });
     return count;
+}
+
+std::size_t nextDescriptor()
+{
+    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (next < 0) {
+        throw std::system_error(errno, std::generic_category(), "open");
+    }
+    ::close(next);
+    return static_cast<std::size_t>(next);
 }
 
 std::size_t countThreads()

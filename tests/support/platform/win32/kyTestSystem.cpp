@@ -102,24 +102,24 @@ void walk(DWORD list, First first, Next next, Visit visit)
     }
 }
 
-std::atomic<std::size_t> s_limit{std::numeric_limits<std::size_t>::max()};
+constexpr std::size_t s_unlimited = std::numeric_limits<std::size_t>::max();
+std::atomic<std::size_t> s_limit{s_unlimited};
 
-bool isFull()
+/// How many more handles may be made, whatever is closed meanwhile.
+std::atomic<std::ptrdiff_t> s_room{0};
+
+bool isFull(int code = ERROR_TOO_MANY_OPEN_FILES)
 {
-    const bool isFull = countDescriptors() >= s_limit;
-    if (isFull) {
-        ::SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+    if (s_limit == s_unlimited || s_room-- > 0) {
+        return false;
     }
-    return isFull;
+    ::SetLastError(static_cast<DWORD>(code));
+    return true;
 }
 
 bool isFullForSockets()
 {
-    const bool isFull = countDescriptors() >= s_limit;
-    if (isFull) {
-        ::WSASetLastError(WSAEMFILE);
-    }
-    return isFull;
+    return isFull(WSAEMFILE);
 }
 
 SOCKET WSAAPI makeSocket(int family, int type, int protocol)
@@ -213,6 +213,15 @@ BOOL WINAPI startProcess(LPCWSTR program, LPWSTR line, LPSECURITY_ATTRIBUTES ofP
                               isInheriting, flags, environment, folder, startup, started);
 }
 
+int WSAAPI pollSockets(WSAPOLLFD* entries, ULONG count, int milliseconds)
+{
+    if (count > s_limit) {
+        ::WSASetLastError(WSAEINVAL);
+        return SOCKET_ERROR;
+    }
+    return callOriginal<int>("ws2_32.dll", "WSAPoll", entries, count, milliseconds);
+}
+
 /// The system has no such limit: what makes handles is refused here instead.
 void limitHandles()
 {
@@ -221,6 +230,7 @@ void limitHandles()
     detour("ws2_32.dll", "WSASocketW", makeSocketW);
     detour("ws2_32.dll", "accept", acceptClient);
     detour("ws2_32.dll", "WSACreateEvent", makeSocketEvent);
+    detour("ws2_32.dll", "WSAPoll", pollSockets);
     detour("kernel32.dll", "CreateEventA", makeEventA);
     detour("kernel32.dll", "CreateEventW", makeEventW);
     detour("kernel32.dll", "CreateFileA", openFileA);
@@ -247,6 +257,11 @@ std::size_t countDescriptors()
     return count;
 }
 
+std::size_t nextDescriptor()
+{
+    return countDescriptors();
+}
+
 std::size_t countThreads()
 {
     std::size_t count = 0;
@@ -271,6 +286,7 @@ std::size_t countChildren()
 DescriptorLimit::DescriptorLimit(std::size_t limit)
 {
     limitHandles();
+    s_room = static_cast<std::ptrdiff_t>(limit) - static_cast<std::ptrdiff_t>(countDescriptors());
     m_previous = s_limit.exchange(limit);
 }
 
