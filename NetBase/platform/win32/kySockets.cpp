@@ -289,6 +289,9 @@ void close(kySocketHandle handle)
 
 void shutdownBoth(kySocketHandle handle)
 {
+    if (handle == s_invalidSocketHandle) {
+        return;
+    }
     // From here on the system refuses to begin a transfer; those that it has begun are broken off.
     shutDownSockets().add(handle);
     ::shutdown(handle, SD_BOTH);
