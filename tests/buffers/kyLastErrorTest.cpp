@@ -1,5 +1,6 @@
 #include <NetBase/platform/kyLastError.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
 #include <system_error>
@@ -25,13 +26,22 @@ TEST(kyLastError, codesHaveTextsOfTheirOwn)
 
 TEST(kyLastError, belongsToItsThread)
 {
-    kyLastError::set(EPIPE);
-    std::thread([] {
+    std::atomic<bool> isSet{false};
+    std::atomic<bool> isDone{false};
+    std::thread other([&] {
+        while (!isSet) {
+            std::this_thread::yield();
+        }
         kyLastError::set(EBADF);
         kyLastError::clear();
         EXPECT_EQ(kyLastError::get(), 0);
-    }).join();
+        isDone = true;
+    });
+    kyLastError::set(EPIPE);
+    isSet = true;
+    // Nothing is called meanwhile that could change the code by itself.
+    while (!isDone) {
+    }
     EXPECT_EQ(kyLastError::get(), EPIPE);
-    kyLastError::clear();
-    EXPECT_EQ(kyLastError::get(), 0);
+    other.join();
 }

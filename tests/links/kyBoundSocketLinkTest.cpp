@@ -78,8 +78,6 @@ TEST(kyBoundSocketLink, listensOnIPv4WhereThereIsNoIPv6)
         EXPECT_EQ(listening.getAddress().getName(), "0.0.0.0");
         const RawSocket client = RawSocket::connectIPv4(portOf(listening));
         EXPECT_EQ(OpenLink(listening).getLinkName(), "127.0.0.1->127.0.0.1");
-
-        kyBoundSocketLink(portOf(OpenLink(kyTest::makeUnconnected())));
     });
 }
 
@@ -144,16 +142,13 @@ TEST(kyBoundSocketLink, saysThatItCannotListen)
 TEST(kyBoundSocketLink, saysThatNoDescriptorIsLeft)
 {
     kyBoundSocketLink(0).checkAlive(); // Sanitizers need descriptors to learn a type.
-    EXPECT_EQ(failureWithin<kyNetError>(nextDescriptor(), [] { kyBoundSocketLink link(0); }),
-              "Unable to create socket. " + describeCode(kyTest::getNoDescriptorCode()));
-}
-
-TEST(kyBoundSocketLink, saysThatNoDescriptorIsLeftForTheSocket)
-{
-    kyBoundSocketLink(0).checkAlive(); // Sanitizers need descriptors to learn a type.
-    // Room for the event that every listening socket has, not for the socket.
-    EXPECT_EQ(failureWithin<kyNetError>(nextDescriptor() + 1, [] { kyBoundSocketLink link(0); }),
-              "Unable to create socket. " + describeCode(kyTest::getNoDescriptorCode()));
+    // Whether it is the socket that there is no room for, or what wakes those who wait for clients.
+    for (std::size_t room = 0; room < 2; ++room) {
+        EXPECT_EQ(
+            failureWithin<kyNetError>(nextDescriptor() + room, [] { kyBoundSocketLink link(0); }),
+            "Unable to create socket. " + describeCode(kyTest::getNoDescriptorCode()))
+            << room;
+    }
 }
 
 TEST(kyBoundSocketLink, acceptsAgainOnceADescriptorIsFree)

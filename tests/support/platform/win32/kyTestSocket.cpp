@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <map>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
@@ -13,6 +15,7 @@
 
 #include <ws2tcpip.h>
 
+#include <mstcpip.h>
 #include <windows.h>
 
 #include <Utils/platform/win32/kyHandle.h>
@@ -22,10 +25,6 @@
 namespace kyTest {
 
 namespace {
-
-/// Options that the compiler's headers do not know yet.
-constexpr int s_keepAliveIdle = 3;
-constexpr int s_keepAliveInterval = 17;
 
 [[noreturn]] void fail(const char* what)
 {
@@ -118,6 +117,8 @@ void limitWaits(kySocketHandle handle)
 kySocketHandle makeBound()
 {
     const kySocketHandle handle = makeSocket(AF_INET);
+    // Or whoever wants to would share the port.
+    setOption(handle, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, DWORD{1}, "SO_EXCLUSIVEADDRUSE");
     const sockaddr_in address = makeLoopback(0);
     checked(::bind(handle, pointerTo(address), sizeof(address)), "bind");
     return handle;
@@ -135,6 +136,52 @@ int getFamily(kySocketHandle handle)
 {
     return getOption<WSAPROTOCOL_INFOW>(handle, SOL_SOCKET, SO_PROTOCOL_INFOW).iAddressFamily;
 }
+
+/// The probes of silent peers that a socket was told to make. Not every system says what they are,
+/// so the order itself is noted.
+class KeepAliveOrders
+{
+public:
+    static KeepAliveOrders& get()
+    {
+        static KeepAliveOrders s_orders;
+        return s_orders;
+    }
+
+    void note(SOCKET socket, const tcp_keepalive& values)
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_values[socket] = values;
+    }
+
+    tcp_keepalive find(SOCKET socket) const
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        const auto found = m_values.find(socket);
+        return found != m_values.end() ? found->second : tcp_keepalive{};
+    }
+
+private:
+    mutable std::mutex m_lock;
+    std::map<SOCKET, tcp_keepalive> m_values;
+};
+
+int WSAAPI giveOrder(SOCKET socket, DWORD code, void* in, DWORD inSize, void* out, DWORD outSize,
+                     DWORD* written, OVERLAPPED* overlapped,
+                     LPWSAOVERLAPPED_COMPLETION_ROUTINE completion)
+{
+    const int result = callOriginal<int>("ws2_32.dll", "WSAIoctl", socket, code, in, inSize, out,
+                                         outSize, written, overlapped, completion);
+    if (result == 0 && code == SIO_KEEPALIVE_VALS && inSize == sizeof(tcp_keepalive)) {
+        KeepAliveOrders::get().note(socket, *static_cast<const tcp_keepalive*>(in));
+    }
+    return result;
+}
+
+[[maybe_unused]] const bool s_isNoting = [] {
+    detour("ws2_32.dll", "WSAIoctl", giveOrder);
+    return true;
+}();
 
 /// The system does not tell, so it is tried out: only a call that waits runs into a time limit.
 bool isBlocking(kySocketHandle handle)
@@ -164,20 +211,28 @@ int refuse(int code)
     return SOCKET_ERROR;
 }
 
-SOCKET WSAAPI makeSocketOfAnyKind(int family, int type, int protocol,
-                                  LPWSAPROTOCOL_INFOW information, GROUP group, DWORD flags)
+bool isRefusedFamily(int family)
 {
-    if (s_isWithoutIPv6 && family == AF_INET6) {
+    const bool isRefused = s_isWithoutIPv6 && family == AF_INET6;
+    if (isRefused) {
         ::WSASetLastError(WSAEAFNOSUPPORT);
-        return INVALID_SOCKET;
     }
-    return callOriginal<SOCKET>("ws2_32.dll", "WSASocketW", family, type, protocol, information,
-                                group, flags);
+    return isRefused;
+}
+
+SOCKET WSAAPI makeSocketA(int family, int type, int protocol, LPWSAPROTOCOL_INFOA information,
+                          GROUP group, DWORD flags)
+{
+    return isRefusedFamily(family) ? INVALID_SOCKET
+                                   : callOriginal<SOCKET>("ws2_32.dll", "WSASocketA", family, type,
+                                                          protocol, information, group, flags);
 }
 
 SOCKET WSAAPI makeSimpleSocket(int family, int type, int protocol)
 {
-    return makeSocketOfAnyKind(family, type, protocol, nullptr, 0, WSA_FLAG_OVERLAPPED);
+    return isRefusedFamily(family)
+               ? INVALID_SOCKET
+               : callOriginal<SOCKET>("ws2_32.dll", "socket", family, type, protocol);
 }
 
 int WSAAPI beginToListen(SOCKET socket, int backlog)
@@ -355,7 +410,7 @@ std::pair<kySocketHandle, kySocketHandle> makeConnection()
 
 kySocketHandle makeUnconnected()
 {
-    return makeSocket(AF_INET);
+    return makeBound(); // One that is not bound has no name either.
 }
 
 std::pair<kySocketHandle, kySocketHandle> makeLocalConnection()
@@ -367,6 +422,7 @@ std::pair<kySocketHandle, kySocketHandle> makeLocalConnection()
 SocketOptions getSocketOptions(kySocketHandle handle)
 {
     const linger lingering = getOption<linger>(handle, SOL_SOCKET, SO_LINGER);
+    const tcp_keepalive keepAlive = KeepAliveOrders::get().find(handle);
     DWORD flags = 0;
     ::GetHandleInformation(reinterpret_cast<HANDLE>(handle), &flags);
     SocketOptions options{};
@@ -374,8 +430,8 @@ SocketOptions getSocketOptions(kySocketHandle handle)
     options.lingers = lingering.l_onoff != 0;
     options.lingerSeconds = lingering.l_linger;
     options.keepsAlive = getNumber(handle, SOL_SOCKET, SO_KEEPALIVE) != 0;
-    options.keepAliveIdleSeconds = getNumber(handle, IPPROTO_TCP, s_keepAliveIdle);
-    options.keepAliveIntervalSeconds = getNumber(handle, IPPROTO_TCP, s_keepAliveInterval);
+    options.keepAliveIdleSeconds = static_cast<int>(keepAlive.keepalivetime / 1000);
+    options.keepAliveIntervalSeconds = static_cast<int>(keepAlive.keepaliveinterval / 1000);
     options.reusesAddress = getNumber(handle, SOL_SOCKET, SO_REUSEADDR) != 0;
     options.isIPv6 = getFamily(handle) == AF_INET6;
     options.isIPv6Only = options.isIPv6 && getNumber(handle, IPPROTO_IPV6, IPV6_V6ONLY) != 0;
@@ -429,7 +485,7 @@ int getNoDescriptorCode()
 
 int getPortTakenCode()
 {
-    return WSAEADDRINUSE;
+    return WSAEACCES;
 }
 
 std::string makeIPv4Record(const std::string& address, int port)
@@ -483,7 +539,7 @@ void runWithoutIPv6(const std::function<void()>& action)
 {
     const auto refuseIt = [] {
         s_isWithoutIPv6 = true;
-        detour("ws2_32.dll", "WSASocketW", makeSocketOfAnyKind);
+        detour("ws2_32.dll", "WSASocketA", makeSocketA);
         detour("ws2_32.dll", "socket", makeSimpleSocket);
     };
     runWithout(refuseIt, action);
