@@ -87,11 +87,17 @@ bool isServerTrusted(const kyHandle& pipe)
     return isTrusted;
 }
 
+/// Whether the process at the other end is trusted, or has ended already: what is left of such a
+/// one harms nobody.
 bool isClientTrusted(const kyHandle& pipe)
 {
     ULONG processId = 0;
-    return ::GetNamedPipeClientProcessId(pipe.get(), &processId) != FALSE &&
-           kyTrust::isTrustedProcess(processId);
+    if (::GetNamedPipeClientProcessId(pipe.get(), &processId) == FALSE) {
+        return false;
+    }
+    const kyHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+    return process.isValid() ? kyTrust::isTrustedProcess(process)
+                             : ::GetLastError() != ERROR_ACCESS_DENIED;
 }
 
 /// One overlapped operation of a pipe, which may outlast the call that began it. It is broken off
@@ -234,10 +240,13 @@ public:
 
     bool duplicate(kySocketHandle socket, std::uint32_t processId) override
     {
+        // Held, so that no other process gets this one's id.
         if (!m_receiver.isValid()) {
-            m_receiver = kyHandle(::OpenProcess(PROCESS_DUP_HANDLE, FALSE, processId));
+            m_receiver = kyHandle(::OpenProcess(
+                PROCESS_DUP_HANDLE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
         }
-        return m_receiver.isValid() && describe(socket, processId, m_description);
+        return m_receiver.isValid() && kyTrust::isTrustedProcess(m_receiver) &&
+               describe(socket, processId, m_description);
     }
 
     bool passSocket(kySocketHandle) override

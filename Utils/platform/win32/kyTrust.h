@@ -48,11 +48,10 @@ inline bool isTrusted(PSID account)
 }
 
 /// Whether a trusted account runs the process; false if the system does not say.
-inline bool isTrustedProcess(DWORD processId)
+inline bool isTrustedProcess(const kyHandle& process)
 {
-    const kyHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
     const TokenInformation<TOKEN_OWNER> owner(process.get(), TokenOwner);
-    return process.isValid() && owner.isKnown && isTrusted(owner.get().Owner);
+    return owner.isKnown && isTrusted(owner.get().Owner);
 }
 
 } // namespace kyTrust
