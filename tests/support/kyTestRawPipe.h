@@ -86,4 +86,18 @@ std::string tooManyOpenText();
 /// The eight bytes that a socket value makes on a pipe.
 std::string pipeBytes(std::uint64_t value);
 
+/// Eight bytes to send with the socket: the text, unless the bytes alone are what brings the socket
+/// to the other side.
+std::string socketBytes(std::uint64_t socket, const std::string& text);
+
+/// Whether eight bytes that have come over a pipe stand for the socket of this process. What they
+/// brought is closed.
+bool standForSocket(const std::string& bytes, std::uint64_t socket);
+
+/// The longest name of a pipe, in characters.
+std::size_t longestPipeName();
+
+/// What a service says of a client that was gone before it was waited for.
+std::string goneClientText();
+
 } // namespace kyTest

@@ -28,6 +28,15 @@ constexpr const char* s_rights = "D:(A;OICI;GRGW;;;AU)(A;OICI;GA;;;BA)";
 
 constexpr DWORD s_bufferSize = 1024;
 
+/// Characters of a name; some systems open something else if there are very many more.
+constexpr std::size_t s_longestName = 256;
+
+bool isName(const std::string& name)
+{
+    ::SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    return name.size() <= s_longestName;
+}
+
 /// The security of a new pipe, which no child inherits.
 class PipeSecurity
 {
@@ -411,7 +420,7 @@ std::unique_ptr<kyLocalPipe> wrap(kyHandle pipe, kyHandle stopEvent)
 std::unique_ptr<kyLocalPipe> kyLocalPipe::listen(const std::string& name)
 {
     PipeSecurity security;
-    if (!security.isValid()) {
+    if (!security.isValid() || !isName(name)) {
         return nullptr;
     }
     kyHandle pipe(::CreateNamedPipeA(
@@ -427,6 +436,9 @@ std::unique_ptr<kyLocalPipe> kyLocalPipe::listen(const std::string& name)
 kyLocalPipe::Status kyLocalPipe::connect(const std::string& name,
                                          std::unique_ptr<kyLocalPipe>& pipe)
 {
+    if (!isName(name)) {
+        return Status::Failed;
+    }
     kyHandle opened(::CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                   OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
     if (!opened.isValid()) {

@@ -232,4 +232,24 @@ std::string pipeBytes(std::uint64_t value)
     return bytes;
 }
 
+std::string socketBytes(std::uint64_t, const std::string& text)
+{
+    return text;
+}
+
+bool standForSocket(const std::string& bytes, std::uint64_t socket)
+{
+    return bytes == pipeBytes(socket);
+}
+
+std::size_t longestPipeName()
+{
+    return 107;
+}
+
+std::string goneClientText()
+{
+    return "Unable to read process id";
+}
+
 } // namespace kyTest

@@ -69,6 +69,16 @@ std::string describe(DWORD code)
     return std::to_string(code) + ':' + text;
 }
 
+/// The addresses of both ends of a connection.
+std::string describeEnds(std::uint64_t socket)
+{
+    sockaddr_in ends[2]{};
+    int size = sizeof(ends[0]);
+    check(::getsockname(socket, reinterpret_cast<sockaddr*>(&ends[0]), &size) == 0, "getsockname");
+    check(::getpeername(socket, reinterpret_cast<sockaddr*>(&ends[1]), &size) == 0, "getpeername");
+    return {reinterpret_cast<const char*>(ends), sizeof(ends)};
+}
+
 } // namespace
 
 SocketPair::SocketPair()
@@ -250,6 +260,38 @@ std::string pipeBytes(std::uint64_t value)
     std::string bytes(sizeof(value), '\0');
     std::memcpy(bytes.data(), &value, sizeof(value));
     return bytes;
+}
+
+std::string socketBytes(std::uint64_t socket, const std::string&)
+{
+    WSAPROTOCOL_INFOA description{};
+    check(::WSADuplicateSocketA(socket, ::GetCurrentProcessId(), &description) == 0, "duplicate");
+    const SOCKET made =
+        ::WSASocketA(AF_INET, SOCK_STREAM, 0, &description, 0, WSA_FLAG_NO_HANDLE_INHERIT);
+    check(made != INVALID_SOCKET, "WSASocket");
+    return pipeBytes(made);
+}
+
+bool standForSocket(const std::string& bytes, std::uint64_t socket)
+{
+    std::uint64_t brought = 0;
+    if (bytes.size() != sizeof(brought)) {
+        return false;
+    }
+    std::memcpy(&brought, bytes.data(), sizeof(brought));
+    const bool isSame = brought != socket && describeEnds(brought) == describeEnds(socket);
+    closeSocket(brought);
+    return isSame;
+}
+
+std::size_t longestPipeName()
+{
+    return 256;
+}
+
+std::string goneClientText()
+{
+    return "Unable to connect pipe";
 }
 
 } // namespace kyTest
