@@ -81,8 +81,8 @@ build_qtbase-opensource-src() {
             -no-gui -no-widgets -no-dbus -no-opengl -no-openssl -nomake examples -nomake tests \
             -qt-pcre -no-icu -no-glib -no-zstd -qt-zlib &&
         bin/qmake -o src/Makefile ../qtbase-opensource-src/src/src.pro &&
-        make -C src -j "$(nproc)" sub-corelib sub-winmain &&
-        make install_qmake install_mkspecs &&
+        make -C src -j "$(nproc)" sub-corelib sub-winmain sub-rcc &&
+        make sub-qmake-qmake-aux-pro-install_subtargets install_mkspecs &&
         make -C src/corelib install && make -C src/winmain install &&
         make -C src/tools/moc install && make -C src/tools/rcc install) >>"$log" 2>&1
 }

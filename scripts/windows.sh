@@ -21,10 +21,11 @@ cmake --build --preset windows --parallel "$(nproc)"
 stage "the tests"
 export WINEPREFIX=$PWD/build/windows-wine WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=
 mkdir -p "$WINEPREFIX"
-wineboot --init >/dev/null 2>&1
-# One server for all programs, instead of one that starts and ends with each.
-wineserver --persistent
+# One server for all programs, instead of one that starts and ends with each. What it starts for
+# itself must not hold this script's output open.
+wineserver --persistent >/dev/null 2>&1
 trap 'wineserver --kill' EXIT
+wineboot --update </dev/null >/dev/null 2>&1
 ctest --preset windows --parallel "$(nproc)" "$@"
 echo "Not run, as they cannot hold there:"
 sed -n 's/^[^#]/    &/p' tests/windowsExceptions.txt
