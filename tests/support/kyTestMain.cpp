@@ -13,6 +13,11 @@ int main(int argc, char** argv)
     // before the first test counts.
     tbb::parallel_for(0, 1000, [](int) {});
 
+    // So does the test library with what it watches threads by, on some systems a thread.
+    {
+        SCOPED_TRACE("");
+    }
+
     testing::UnitTest::GetInstance()->listeners().Append(new kyTest::Resources);
     return RUN_ALL_TESTS();
 }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include <Utils/kyPlatform.h>
+
 /// Sockets and the bare transport below a socket pipe, for tests whose peer breaks the rules.
 ///
 /// One source per system stands in platform/. What fails throws std::system_error.
@@ -86,9 +88,10 @@ std::string tooManyOpenText();
 /// The eight bytes that a socket value makes on a pipe.
 std::string pipeBytes(std::uint64_t value);
 
-/// Eight bytes to send with the socket: the text, unless the bytes alone are what brings the socket
-/// to the other side.
-std::string socketBytes(std::uint64_t socket, const std::string& text);
+/// Eight bytes to send with the socket to a process: the text, unless the bytes alone are what
+/// brings the socket there.
+std::string socketBytes(std::uint64_t socket, const std::string& text,
+                        std::uint32_t processId = kyPlatform::getProcessId());
 
 /// Whether eight bytes that have come over a pipe stand for the socket of this process. What they
 /// brought is closed.

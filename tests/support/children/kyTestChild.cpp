@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -85,8 +86,11 @@ int sendOneAndDie(const std::string& name)
     std::cout << "ready" << std::endl;
     pipe.accept();
     const kyTest::SocketPair sockets;
-    pipe.receive(4);
-    pipe.send(kyTest::pipeBytes(sockets.served()), {sockets.served()});
+    std::uint32_t receiver = 0;
+    const std::string id = pipe.receive(sizeof(receiver));
+    std::memcpy(&receiver, id.data(), id.size());
+    const std::uint64_t socket = sockets.served();
+    pipe.send(kyTest::socketBytes(socket, kyTest::pipeBytes(socket), receiver), {socket});
     pipe.receive(8);
     return 0;
 }

@@ -232,7 +232,7 @@ std::string pipeBytes(std::uint64_t value)
     return bytes;
 }
 
-std::string socketBytes(std::uint64_t, const std::string& text)
+std::string socketBytes(std::uint64_t, const std::string& text, std::uint32_t)
 {
     return text;
 }

@@ -1,6 +1,7 @@
 #include <tests/support/kyTestRawPipe.h>
 
 #include <cstring>
+#include <memory>
 #include <system_error>
 #include <utility>
 
@@ -9,6 +10,8 @@
 #include <ws2tcpip.h>
 
 #include <windows.h>
+
+#include <sddl.h>
 
 namespace kyTest {
 
@@ -169,9 +172,16 @@ RawPipe& RawPipe::operator=(RawPipe&& other) noexcept
 
 RawPipe RawPipe::listen(const std::string& name)
 {
+    // Wine names an owner only for what is made with rights of its own.
+    SECURITY_ATTRIBUTES security{sizeof(security), nullptr, FALSE};
+    check(::ConvertStringSecurityDescriptorToSecurityDescriptorA(
+              "D:(A;;GA;;;AU)", SDDL_REVISION_1, &security.lpSecurityDescriptor, nullptr),
+          "security descriptor");
+    const std::unique_ptr<void, decltype(&::LocalFree)> owner(security.lpSecurityDescriptor,
+                                                              ::LocalFree);
     RawPipe pipe;
     pipe.m_listener = toValue(::CreateNamedPipeA(name.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE,
-                                                 1, 1024, 1024, 0, nullptr),
+                                                 1, 1024, 1024, 0, &security),
                               "CreateNamedPipe");
     return pipe;
 }
@@ -262,10 +272,10 @@ std::string pipeBytes(std::uint64_t value)
     return bytes;
 }
 
-std::string socketBytes(std::uint64_t socket, const std::string&)
+std::string socketBytes(std::uint64_t socket, const std::string&, std::uint32_t processId)
 {
     WSAPROTOCOL_INFOA description{};
-    check(::WSADuplicateSocketA(socket, ::GetCurrentProcessId(), &description) == 0, "duplicate");
+    check(::WSADuplicateSocketA(socket, processId, &description) == 0, "duplicate");
     const SOCKET made =
         ::WSASocketA(AF_INET, SOCK_STREAM, 0, &description, 0, WSA_FLAG_NO_HANDLE_INHERIT);
     check(made != INVALID_SOCKET, "WSASocket");

@@ -20,41 +20,23 @@ namespace kyTest {
 
 namespace {
 
-/// As the system lists the handles of all processes.
-struct ListedHandle
-{
-    void* object;
-    ULONG_PTR process;
-    ULONG_PTR value;
-    ULONG access;
-    USHORT origin;
-    USHORT kind;
-    ULONG attributes;
-    ULONG reserved;
-};
-struct HandleList
-{
-    ULONG_PTR count;
-    ULONG_PTR reserved;
-    ListedHandle first;
-};
+/// The system gives away the lowest free value, so that behind a gap of this many values there are
+/// none. Its list of all handles is not asked for: Wine's server crashes when it makes one while
+/// another process begins or ends.
+constexpr ULONG_PTR s_longestGap = 512;
 
 std::vector<ULONG_PTR> getHandles()
 {
-    constexpr int extendedHandleInformation = 64;
-    std::vector<std::uint64_t> memory(1 << 15);
-    ULONG needed = 0;
-    while (callOriginal<LONG>("ntdll.dll", "NtQuerySystemInformation", extendedHandleInformation,
-                              memory.data(), static_cast<ULONG>(memory.size() * sizeof(memory[0])),
-                              &needed) != 0) {
-        memory.resize(memory.size() * 2);
-    }
-    const auto* list = reinterpret_cast<const HandleList*>(memory.data());
-    const ListedHandle* listed = &list->first;
+    constexpr ULONG_PTR step = 4;
     std::vector<ULONG_PTR> handles;
-    for (ULONG_PTR i = 0; i < list->count; ++i) {
-        if (listed[i].process == ::GetCurrentProcessId()) {
-            handles.push_back(listed[i].value);
+    ULONG_PTR gap = 0;
+    for (ULONG_PTR value = step; gap < s_longestGap; value += step) {
+        DWORD flags = 0;
+        if (::GetHandleInformation(reinterpret_cast<HANDLE>(value), &flags)) {
+            handles.push_back(value);
+            gap = 0;
+        } else {
+            ++gap;
         }
     }
     return handles;
@@ -77,14 +59,15 @@ std::string getKind(ULONG_PTR value)
 }
 
 /// Calls visit(value, kind) for every handle of this process but those that the thread library
-/// keeps for its own use, also of threads that have ended.
+/// keeps for its own use, also of threads that have ended, and the folder of names that the system
+/// keeps from the first use of one.
 template <class Visit> void forEachHandle(Visit visit)
 {
-    static const std::set<std::string> s_ofThreads{"",       "Event",     "Key",   "KeyedEvent",
-                                                   "Mutant", "Semaphore", "Thread"};
+    static const std::set<std::string> s_kept{"",           "Directory", "Event",     "Key",
+                                              "KeyedEvent", "Mutant",    "Semaphore", "Thread"};
     for (const ULONG_PTR value : getHandles()) {
         const std::string kind = getKind(value);
-        if (s_ofThreads.count(kind) == 0) {
+        if (s_kept.count(kind) == 0) {
             visit(value, kind);
         }
     }
@@ -159,16 +142,16 @@ HANDLE WSAAPI makeSocketEvent()
 
 HANDLE WINAPI makeEventA(LPSECURITY_ATTRIBUTES security, BOOL isManual, BOOL isSet, LPCSTR name)
 {
-    return isFull() ? nullptr
-                    : callOriginal<HANDLE>("kernel32.dll", "CreateEventA", security, isManual,
-                                           isSet, name);
+    return isFullForSockets() ? nullptr
+                              : callOriginal<HANDLE>("kernel32.dll", "CreateEventA", security,
+                                                     isManual, isSet, name);
 }
 
 HANDLE WINAPI makeEventW(LPSECURITY_ATTRIBUTES security, BOOL isManual, BOOL isSet, LPCWSTR name)
 {
-    return isFull() ? nullptr
-                    : callOriginal<HANDLE>("kernel32.dll", "CreateEventW", security, isManual,
-                                           isSet, name);
+    return isFullForSockets() ? nullptr
+                              : callOriginal<HANDLE>("kernel32.dll", "CreateEventW", security,
+                                                     isManual, isSet, name);
 }
 
 HANDLE WINAPI openFileA(LPCSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
