@@ -102,11 +102,11 @@ void RemoteServer::setUp(const Setup& setup)
     m_stream.setReceiver(m_channels.makeReceiver(m_job.compressor));
 }
 
-void RemoteServer::loadScene(const Scene& scene, double limit, double relayLimit)
+void RemoteServer::loadScene(const Scene& scene, double relayLimit, double limit)
 {
     bool isLoaded = false;
     if (m_isRelayed) {
-        within(relayLimit + limit, [&] {
+        within(relayLimit, [&] {
             AnswerMessage message;
             m_stream.recvMessage(message);
             // Whatever became of the relays before it, the scene itself may be sound.

@@ -82,9 +82,9 @@ public:
     void setUp(const Setup& setup);
 
     /// Hands the scene over, or waits until another server has relayed it, and until the server
-    /// can render it: `limit` seconds for this server alone, `relayLimit` for the relays before
-    /// it. Once.
-    void loadScene(const Scene& scene, double limit, double relayLimit);
+    /// can render it. The relayed one may take `relayLimit` seconds; if it does not come whole, or
+    /// there is no relay, the application's own may take `limit` seconds. Once.
+    void loadScene(const Scene& scene, double relayLimit, double limit);
 
     /// Has the server render frames until all are finished, two tiles at a time, so that it never
     /// waits for the next one. If it throws, the tiles it has not finished are given back. A tile

@@ -192,15 +192,35 @@ void RenderCluster::loadScene(const Scene& scene)
 {
     const double limit = m_settings.patience + 5e-6 * static_cast<double>(countTriangles(scene)) *
                                                    static_cast<double>(m_started.size());
-    std::map<const RemoteServer*, double> relayLimits;
-    for (std::size_t i = 0; i < m_started.size(); ++i) {
-        // A relay that hangs is noticed and ended; only then do those behind it notice.
-        relayLimits[m_started[i].get()] =
-            static_cast<double>(m_places[i].level) * (2.0 * limit + s_endingTime);
+    std::map<const RemoteServer*, std::promise<bool>> promises;
+    std::vector<std::shared_future<bool>> isLoaded;
+    for (const auto& server : m_started) {
+        isLoaded.push_back(promises[server.get()].get_future());
+        if (isLost(*server)) {
+            promises[server.get()].set_value(false);
+        }
     }
-    forEach(getLiving(),
-            [&](RemoteServer& server) { server.loadScene(scene, limit, relayLimits.at(&server)); });
+    forEach(getLiving(), [&](RemoteServer& server) {
+        // Its time begins when the one that relays to it is through. One that hangs has to be ended
+        // before those behind it notice.
+        const auto parent = findPlace(server).parent;
+        const double grace = !parent || isLoaded[*parent].get() ? 0.0 : s_endingTime;
+        try {
+            server.loadScene(scene, limit + grace, limit);
+        } catch (const std::exception&) {
+            promises.at(&server).set_value(false);
+            throw;
+        }
+        promises.at(&server).set_value(true);
+    });
     requireServers();
+}
+
+const RelayPlace& RenderCluster::findPlace(const RemoteServer& server) const
+{
+    const auto isIt = [&](const auto& each) { return each.get() == &server; };
+    const auto found = std::find_if(m_started.begin(), m_started.end(), isIt);
+    return m_places[static_cast<std::size_t>(found - m_started.begin())];
 }
 
 void RenderCluster::render(const std::vector<Frame>& frames, const PictureHandler& onPicture)

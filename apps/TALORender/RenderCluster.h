@@ -85,6 +85,7 @@ private:
     void startServers(const std::vector<NodeAddress>& nodes);
     void setUpServers();
     Setup makeSetup(std::size_t server) const;
+    const RelayPlace& findPlace(const RemoteServer& server) const;
 
     void lead(FrameQueue& queue, std::int32_t first, std::int32_t end, double limit,
               const std::function<void(std::int32_t)>& deliver);
