@@ -1,6 +1,7 @@
 #include <apps/TALOClusterServer/RenderServer.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <set>
@@ -644,8 +645,12 @@ TEST_F(RenderServerTest, endsWhenNobodyHasBeenConnectedForTenSeconds)
 TEST_F(RenderServerTest, aConnectionThatSaysNothingKeepsItAlive)
 {
     TestServer server;
-    const Channel silent(server);
+    Channel silent(server);
     EXPECT_FALSE(server.hasEnded(std::chrono::seconds(12)));
+    // Until it has been silent for half a minute.
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(silent.isClosed());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
 }
 
 TEST_F(RenderServerTest, anApplicationThatOrdersNothingKeepsItAlive)
