@@ -571,6 +571,25 @@ TEST(kyNetBufferedSender, failureReachesTheCallersWhereverItHappens)
     }
 }
 
+TEST(kyNetBufferedSender, failureLetsGoOfAllThatItsWorkerHasTaken)
+{
+    const Children children = makeChildren(1);
+    children[0]->failAt(2, Failure().pointer);
+    const auto sender = makeSender(children);
+    occupyAll(*sender, children);
+    std::vector<std::weak_ptr<kyNetBuffer>> taken;
+    for (int i = 0; i < 5; ++i) {
+        const Buffer buffer = makeUnbundled(i);
+        taken.push_back(buffer);
+        sender->send(buffer);
+    }
+    children[0]->letGo();
+    for (const auto& buffer : taken) {
+        ASSERT_TRUE(kyTest::waitUntil([&] { return buffer.expired(); }));
+    }
+    EXPECT_EQ(children[0]->messages(), (Strings{"held"}));
+}
+
 TEST(kyNetBufferedSender, firstFailureIsKept)
 {
     struct Counted : kyConnectionClosed
