@@ -36,7 +36,7 @@ using Marker = std::array<char, 8>;
 using Bytes = SharedKey::Bytes;
 
 constexpr Marker s_marker{'t', 'a', 'l', 'o', 'K', 'e', 'y', '1'};
-constexpr const char* s_success = "nothing was thrown";
+constexpr const char* s_success = "";
 constexpr const char* s_stranger = "The other side does not hold this key";
 constexpr const char* s_keyNeeded = "This connection needs a key, and none was offered";
 constexpr const char* s_noKeyHere = "A key was offered to a side that has none";

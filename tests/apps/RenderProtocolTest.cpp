@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <NetBase/buffers/kyNetBuffer.h>
-#include <tests/apps/kyTestFolder.h>
 #include <tests/apps/kyTestSerializer.h>
+#include <tests/support/kyTestMessage.h>
 
 using namespace render;
 
