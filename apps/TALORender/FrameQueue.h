@@ -38,8 +38,8 @@ public:
         std::optional<Tile> tile;
     };
 
-    /// For these frames, which are numbered from `first` on. Tiles are squares of the given edge,
-    /// smaller ones at the right and lower border.
+    /// For these frames, none of them empty, which are numbered from `first` on. Tiles are squares
+    /// of the given edge, smaller ones at the right and lower border.
     FrameQueue(std::vector<Frame> frames, std::int32_t first, std::uint32_t edge);
 
     const Frame& getFrame(std::int32_t number) const;
@@ -76,17 +76,10 @@ public:
     void close();
 
 private:
-    /// A frame that was released.
-    struct Progress
-    {
-        std::deque<Tile> waiting;
-        std::size_t unfinished = 0;
-    };
+    using Tiles = std::deque<Tile>;
 
-    std::deque<Tile> cut(const Frame& frame) const;
+    Tiles cut(const Frame& frame) const;
     std::optional<Task> pop(std::int32_t& begun);
-    bool isTaken() const;
-    bool isAllFinished() const;
 
     const std::vector<Frame> m_frames;
     const std::int32_t m_first;
@@ -95,7 +88,10 @@ private:
     std::mutex m_lock;
     std::condition_variable m_changed;
     std::int32_t m_announced;
-    std::map<std::int32_t, Progress> m_released;
+    /// Tiles to be taken, by the number of their frame; no frame without tiles.
+    std::map<std::int32_t, Tiles> m_waiting;
+    /// How many tiles of each released frame are not done.
+    std::map<std::int32_t, std::size_t> m_unfinished;
     std::size_t m_unfinishedFrames;
     bool m_isClosed = false;
 };

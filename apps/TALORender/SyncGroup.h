@@ -20,8 +20,7 @@ class SyncGroup
 public:
     using Servers = std::vector<std::shared_ptr<RemoteServer>>;
 
-    /// Takes the sync channels of each member, who must live as long as the watchdog does. Throws
-    /// what RemoteServer::takeSyncChannels throws.
+    /// Takes the sync channels of each member, one or more.
     SyncGroup(const Servers& members,
               const std::vector<std::vector<std::shared_ptr<kyNetLink>>>& channels,
               std::shared_ptr<Watchdog> watchdog);
