@@ -56,12 +56,6 @@ void FrameQueue::release(std::int32_t number)
     m_changed.notify_all();
 }
 
-void FrameQueue::waitTaken()
-{
-    std::unique_lock<std::mutex> guard(m_lock);
-    m_changed.wait(guard, [this] { return m_isClosed || m_waiting.empty(); });
-}
-
 bool FrameQueue::waitFinished(std::int32_t number)
 {
     std::unique_lock<std::mutex> guard(m_lock);
@@ -105,7 +99,6 @@ std::optional<FrameQueue::Task> FrameQueue::pop(std::int32_t& begun)
     tiles.pop_front();
     if (tiles.empty()) {
         m_waiting.erase(oldest);
-        m_changed.notify_all();
     }
     return task;
 }

@@ -17,10 +17,9 @@ namespace render {
 ///
 /// Somebody leads:
 ///
-///     queue.announce(n);          // each server is told once to begin the frame
+///     queue.announce(n + 1);      // each server is told once to begin the frame
 ///     ...                         // until all have done so
-///     queue.release(n);           // now its tiles are handed out
-///     queue.waitTaken();          // time for the next frame, though this one is not finished
+///     queue.release(n + 1);       // its tiles are handed out right behind those of frame n
 ///     queue.waitFinished(n);
 ///
 /// Each server has a thread that takes tasks. A tile that was taken is finished or given back; what
@@ -52,9 +51,6 @@ public:
 
     /// Adds the frame's tiles to those that are handed out.
     void release(std::int32_t number);
-
-    /// Waits until no tile is left to be taken, or the queue is closed.
-    void waitTaken();
 
     /// Waits until every tile of a released frame is done; false if the queue was closed before.
     bool waitFinished(std::int32_t number);

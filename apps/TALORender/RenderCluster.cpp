@@ -269,68 +269,16 @@ void RenderCluster::lead(FrameQueue& queue, std::int32_t first, std::int32_t end
     for (std::int32_t number = first; number < end; ++number) {
         queue.announce(number);
         // A server may have two tiles in work before it comes to the frame.
-        synchronise(number, 2.0 * limit);
+        forEach(getLiving(),
+                [&](RemoteServer& server) { server.synchronise(number, 2.0 * limit); });
         requireServers();
         queue.release(number);
+        // Servers know two frames: the next one can begin when the last one is complete.
         if (number > first) {
             finish(number - 1);
         }
-        queue.waitTaken();
     }
     finish(end - 1);
-}
-
-void RenderCluster::synchronise(std::int32_t frame, double limit)
-{
-    // A group fails because a member is gone, whom the next group is made without; this is for a
-    // member that comes back each time.
-    std::size_t attempts = m_started.size() + 1;
-    for (;;) {
-        const Servers living = getLiving();
-        if (living.empty()) {
-            return;
-        }
-        if (m_synchronised != living) {
-            openSync(living);
-            continue;
-        }
-        try {
-            const Servers absent = m_sync->synchronise(frame, limit);
-            forEach(absent, [&](RemoteServer& server) { server.failAsSilent(limit); });
-            if (absent.empty()) {
-                return;
-            }
-        } catch (const std::exception&) {
-            m_synchronised.clear();
-            if (--attempts == 0) {
-                throw;
-            }
-        }
-    }
-}
-
-void RenderCluster::openSync(const Servers& servers)
-{
-    m_sync.reset();
-    std::mutex lock;
-    std::map<const RemoteServer*, std::vector<std::shared_ptr<kyNetLink>>> channelsOf;
-    forEach(servers, [&](RemoteServer& server) {
-        auto channels = server.takeSyncChannels();
-        const std::lock_guard<std::mutex> guard(lock);
-        channelsOf[&server] = std::move(channels);
-    });
-    std::vector<std::vector<std::shared_ptr<kyNetLink>>> channels;
-    m_synchronised.clear();
-    for (const auto& server : servers) {
-        const auto opened = channelsOf.find(server.get());
-        if (opened != channelsOf.end()) {
-            m_synchronised.push_back(server);
-            channels.push_back(opened->second);
-        }
-    }
-    if (!channels.empty()) {
-        m_sync = std::make_unique<SyncGroup>(m_synchronised, channels, m_watchdog);
-    }
 }
 
 void RenderCluster::reportTraffic()

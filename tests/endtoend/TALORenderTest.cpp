@@ -989,41 +989,69 @@ TEST_F(TALORender, aServerThatBreaksItsPromisesIsLeftOut)
     EXPECT_EQ(complaintAbout("stream data", lost), "Stream out of sync. Wrong message type" + end);
 }
 
-TEST_F(TALORender, serversOutOfStepAreAFailure)
-{
-    const LyingNode node("wrong sync");
-    EXPECT_EQ(complaint(arguments({node.address()}, 2)),
-              "TALORender: The servers are out of step\n");
-}
-
-TEST_F(TALORender, besideAServerThatLiesTheOthersRenderThePicture)
+TEST_F(TALORender, besideServersThatLieTheOthersRenderThePicture)
 {
     const kyTest::Picture alone = reference();
     const Node honest;
-    const LyingNode lying("other tile");
-    const kyTest::ProgramResult result = render({lying.address(), honest.address()}, 4);
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_THAT(result.errors, HasSubstr("Received a tile that was not ordered\n"));
-    EXPECT_TRUE(picture() == alone);
+    for (const auto& [lie, reason] :
+         {std::pair{"other tile", "Received a tile that was not ordered\n"},
+          std::pair{"wrong sync", "It has begun frame 2 instead of 1\n"}}) {
+        const LyingNode lying(lie);
+        const kyTest::ProgramResult result = render({lying.address(), honest.address()}, 4);
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_THAT(result.errors, HasSubstr(reason));
+        EXPECT_THAT(result.errors, testing::Not(HasSubstr(honest.address())));
+        EXPECT_TRUE(picture() == alone);
+    }
 }
 
-TEST_F(TALORender, aServerThatNeverAnswersIsLostWhenItsTimeIsOver)
+TEST_F(TALORender, aServerThatBeginsAFrameTwiceIsLostAlone)
+{
+    const Stage stage(10);
+    const Node honest;
+    const LyingNode lying("sync twice");
+    Cluster::Settings settings = Cluster::settings(lying, 2, false);
+    settings.nodes.push_back(honest.nodeAddress());
+    Cluster cluster(settings);
+    cluster->loadScene(stage.studio.scene);
+    cluster.render(stage.frames(2, 64, 1));
+    EXPECT_THAT(cluster.warnings, testing::ElementsAre("Lost server 1 on " + lying.address() +
+                                                       ": It has begun frame 1 instead of 2"));
+}
+
+TEST_F(TALORender, tilesOfTheNextFrameAreOrderedWhileOneOfTheLastIsStillMissing)
+{
+    // This server keeps it until it gets such an order.
+    const Stage stage(10);
+    const LyingNode node("late tile");
+    Cluster cluster(Cluster::settings(node, 1, false));
+    cluster->loadScene(stage.studio.scene);
+    EXPECT_EQ(cluster.render(stage.frames(2, 640, 1)).size(), 2U);
+    EXPECT_EQ(cluster->getServers().front()->getWork().tiles, 2U * 20U * 15U);
+}
+
+TEST_F(TALORender, aServerThatStopsAtAnyStepIsLostAlone)
 {
     const render::Studio studio = render::buildStudio(render::importMesh(m_scene), 1.0F);
-    for (const char* lie : {"silent scene", "silent sync", "silent tile", "silent end"}) {
-        const Node honest;
-        const LyingNode hanging(lie);
-        Cluster::Settings settings = Cluster::settings(hanging, 2, false);
-        settings.nodes.push_back(honest.nodeAddress());
-        Cluster cluster(settings);
-        cluster->loadScene(studio.scene);
-        cluster.render({{studio.camera, 100, 100, 1}});
-        cluster->reportTraffic();
-        ASSERT_EQ(cluster.warnings.size(), 1U) << lie;
-        EXPECT_THAT(cluster.warnings[0], testing::MatchesRegex(s_hangingPattern)) << lie;
-        EXPECT_THAT(cluster.warnings[0], HasSubstr(hanging.address())) << lie;
-        const std::size_t lied = cluster->getServers()[0]->getWork().tiles;
-        EXPECT_EQ(lied + cluster->getServers()[1]->getWork().tiles, 16U) << lie;
-        EXPECT_TRUE(lied == 0 || std::string(lie) == "silent end") << lie;
+    for (const std::string step : {"scene", "sync", "tile", "end"}) {
+        for (const std::string manner : {"silent ", "dead "}) {
+            const std::string lie = manner + step;
+            const Node honest;
+            const LyingNode lying(lie.c_str());
+            Cluster::Settings settings = Cluster::settings(lying, 2, false);
+            settings.nodes.push_back(honest.nodeAddress());
+            Cluster cluster(settings);
+            cluster->loadScene(studio.scene);
+            cluster.render({{studio.camera, 100, 100, 1}});
+            cluster->reportTraffic();
+            ASSERT_EQ(cluster.warnings.size(), 1U) << lie;
+            EXPECT_THAT(cluster.warnings[0], HasSubstr(lying.address())) << lie;
+            if (manner == "silent ") {
+                EXPECT_THAT(cluster.warnings[0], testing::MatchesRegex(s_hangingPattern)) << lie;
+            }
+            const std::size_t lied = cluster->getServers()[0]->getWork().tiles;
+            EXPECT_EQ(lied + cluster->getServers()[1]->getWork().tiles, 16U) << lie;
+            EXPECT_TRUE(lied == 0 || step == "end") << lie;
+        }
     }
 }

@@ -4,9 +4,11 @@
 #include <cstdlib>
 #include <list>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetOptions.h>
@@ -14,6 +16,7 @@
 #include <NetBase/links/kySocketPipe.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <apps/TALOClusterServer/ChannelLobby.h>
+#include <apps/TALOClusterServer/FrameGate.h>
 #include <apps/TALOClusterServer/OrderBook.h>
 #include <apps/TALOClusterServer/ServerArguments.h>
 #include <apps/common/MethodCompressor.h>
@@ -25,6 +28,7 @@ namespace {
 
 const std::string s_lie = std::getenv("KY_TEST_LIE");
 ChannelLobby s_lobby;
+FrameGate s_gate;
 
 void answerSuccess(kyNetStream& stream)
 {
@@ -38,11 +42,20 @@ void send(kyNetStream& stream, const Answer& answer)
     stream.sendMessage(message, s_applicationRank, kyNetBufferSendMode::Automatic);
 }
 
+/// Whether the server says nothing at this step; it may also end here.
+bool isSilentAt(const std::string& step)
+{
+    if (s_lie == "dead " + step) {
+        std::_Exit(1);
+    }
+    return s_lie == "silent " + step;
+}
+
 void answerScene(kyNetStream& stream)
 {
     Answer answer;
     answer.order = Order::LoadScene;
-    if (s_lie == "silent scene") {
+    if (isSilentAt("scene")) {
         return;
     }
     if (s_lie == "exception") {
@@ -51,11 +64,30 @@ void answerScene(kyNetStream& stream)
     send(stream, answer);
 }
 
+/// Keeps the first tile of all back until one of the next frame is ordered.
+void answerLate(kyNetStream& stream, const Answer& answer)
+{
+    static bool s_hasBegun = false;
+    static std::optional<Answer> s_keptBack;
+    if (!std::exchange(s_hasBegun, true)) {
+        s_keptBack = answer;
+        return;
+    }
+    if (s_keptBack && s_keptBack->frame < answer.frame) {
+        send(stream, *std::exchange(s_keptBack, std::nullopt));
+    }
+    send(stream, answer);
+}
+
 void answerTile(kyNetStream& stream, kySocketLink& first, Answer answer)
 {
     answer.order = Order::RenderTile;
     answer.pixels.resize(answer.tile.pixelCount());
-    if (s_lie == "silent tile") {
+    if (isSilentAt("tile")) {
+        return;
+    }
+    if (s_lie == "late tile") {
+        answerLate(stream, answer);
         return;
     }
     if (s_lie == "huge buffer") {
@@ -89,10 +121,13 @@ void answerMessage(kyNetStream& stream, kySocketLink& first, kyNetMessage& messa
     auto order = Order();
     message >> order;
     Answer answer;
-    if (order == Order::RenderTile) {
+    if (order == Order::BeginFrame) {
+        message >> answer.frame;
+        s_gate.reach(answer.frame);
+    } else if (order == Order::RenderTile) {
         message >> answer.frame >> answer.tile;
         answerTile(stream, first, answer);
-    } else if (order == Order::ReportTraffic && s_lie != "silent end") {
+    } else if (order == Order::ReportTraffic && !isSilentAt("end")) {
         answer.order = order;
         send(stream, answer);
     }
@@ -125,10 +160,15 @@ void serveOrders(const std::shared_ptr<kySocketLink>& first, kyNetStream& stream
 void serveSync(kyNetStream& stream)
 {
     for (;;) {
-        const int frame = stream.waitSync();
-        if (s_lie != "silent sync") {
-            stream.sendSync(frame + (s_lie == "wrong sync" ? 1 : 0));
+        const std::int32_t frame = stream.waitSync();
+        s_gate.wait(frame);
+        if (isSilentAt("sync")) {
+            continue;
         }
+        if (s_lie == "sync twice") {
+            stream.sendSync(frame);
+        }
+        stream.sendSync(frame + (s_lie == "wrong sync" ? 1 : 0));
     }
 }
 
