@@ -132,7 +132,7 @@ class AnswerMessage : public kyNetMessage
 public:
     kyNetMessageType getMessageType() override { return kyNetMessageType::ImageData; }
 
-    /// Writes the answer; a failure text of more than 4096 bytes is cut.
+    /// Writes the answer; a failure text of more than 4096 bytes is cut, here and in getAnswer.
     void putAnswer(const Answer& answer);
 
     /// Reads a received one. Throws kyNetError if it answers nothing that could be ordered, or has

@@ -181,6 +181,16 @@ TEST(RenderProtocol, aFailureTextOfMoreThan4096BytesIsCut)
     }
 }
 
+TEST(RenderProtocol, aFailureTextThatTheOtherSideHasNotCutIsCut)
+{
+    for (const std::size_t size : {4096U, 4097U, 100'000U}) {
+        AnswerMessage message;
+        message << Order::LoadScene << std::int32_t{0} << Tile{} << std::string(size, 'x') << 0.0
+                << std::uint64_t{0} << std::uint64_t{0};
+        EXPECT_EQ(transfer(message).getAnswer().failure, std::string(4096, 'x'));
+    }
+}
+
 TEST(RenderProtocol, theLargestTileFitsIntoABufferWithTheLongestFailure)
 {
     Answer answer = makeTileAnswer({0, 0, 100, 100}, 10'000);
