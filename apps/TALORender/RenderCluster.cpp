@@ -23,6 +23,9 @@ constexpr std::uint32_t s_tileEdge = 32;
 /// Seconds that a service takes to end a server that hangs, beside what it is asked for meanwhile.
 constexpr double s_endingTime = 30.0;
 
+/// Bytes of a warning that are passed on: a server may give any reason for its failure.
+constexpr std::size_t s_maxWarning = 4096;
+
 constexpr const char* s_noServers = "No render server is left";
 
 std::uint64_t makeSession()
@@ -273,7 +276,7 @@ void RenderCluster::lead(FrameQueue& queue, std::int32_t first, std::int32_t end
                 [&](RemoteServer& server) { server.synchronise(number, 2.0 * limit); });
         requireServers();
         queue.release(number);
-        // Servers know two frames: the next one can begin when the last one is complete.
+        // A server knows two frames only: the next one has to wait until the last is complete.
         if (number > first) {
             finish(number - 1);
         }
@@ -333,7 +336,7 @@ void RenderCluster::requireServers() const
 void RenderCluster::warn(const std::string& text) const
 {
     const std::lock_guard<std::mutex> guard(m_warnLock);
-    m_warn(text);
+    m_warn(text.substr(0, s_maxWarning));
 }
 
 } // namespace render

@@ -121,7 +121,7 @@ void answerMessage(kyNetStream& stream, kySocketLink& first, kyNetMessage& messa
     auto order = Order();
     message >> order;
     Answer answer;
-    if (order == Order::BeginFrame) {
+    if (order == Order::BeginFrame && !isSilentAt("begin")) {
         message >> answer.frame;
         s_gate.reach(answer.frame);
     } else if (order == Order::RenderTile) {
@@ -139,6 +139,9 @@ void serveOrders(const std::shared_ptr<kySocketLink>& first, kyNetStream& stream
     stream >> setup;
     if (s_lie == "refused setup") {
         throw std::runtime_error("not in this way");
+    }
+    if (s_lie == "long refusal") {
+        throw std::runtime_error(std::string(1'000'000, 'x'));
     }
     const RenderChannels channels = s_lobby.waitForChannels(30.0);
     answerSuccess(stream);
