@@ -26,8 +26,8 @@ class kyNetRecvQueue;
 ///
 /// Failures: what a child's recv throws, a time-out too, ends its thread. The first failure of all
 /// is thrown by recv behind all that this child had delivered before, once for each child that
-/// fails. Other children go on; when none is left, every recv throws it at once. An empty buffer
-/// that a child delivers is delivered before a failure, and counts as its news after one.
+/// fails. Other children go on; when none is left, every recv throws it at once. Empty buffers of
+/// children are delivered like all others.
 class KY_NETBASE_EXPORT kyNetBufferedReceiver : public kyNetReceiver
 {
 public:

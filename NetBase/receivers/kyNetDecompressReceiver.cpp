@@ -5,7 +5,6 @@
 #include <tbb/concurrent_queue.h>
 
 #include <NetBase/buffers/kyNetBuffer.h>
-#include <NetBase/buffers/kyNetBufferPool.h>
 #include <NetBase/buffers/kyNetError.h>
 #include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/platform/kyThreads.h>
@@ -16,8 +15,8 @@ namespace {
 
 using Buffer = std::shared_ptr<kyNetBuffer>;
 
-/// A buffer that waits to be decompressed. Until it is ready, more comes from its source. The
-/// threads end at an empty one.
+/// A buffer that waits to be decompressed. Until it is ready, more comes from its source. A thread
+/// ends at one without a buffer.
 struct Waiting
 {
     Buffer buffer;
@@ -73,7 +72,7 @@ void kyNetDecompressReceiver::startThreads(
     for (const auto& child : children) {
         m_readers.emplace_back([this, child, source = m_output->addSource()] {
             m_output->readFrom(*child, [&](Buffer&& buffer) {
-                // An empty one would end a thread.
+                // An empty one holds nothing to decompress, whatever it says.
                 if (buffer->getCompression() != kyNetCompression::None &&
                     buffer->getDataSize() != 0) {
                     m_compressed->push({std::move(buffer), source});
@@ -96,10 +95,10 @@ void kyNetDecompressReceiver::decompressLoop()
     for (;;) {
         Waiting next;
         m_compressed->pop(next);
-        if (next.buffer->getDataSize() == 0) {
+        if (!next.buffer) {
             return;
         }
-        const bool isReady = m_output->attempt(
+        const bool isReady = m_output->getFailure().attempt(
             [&] { m_output->push(checked(m_compressor->decompress(next.buffer))); });
         if (!isReady) {
             m_output->pushFailure();
@@ -139,10 +138,8 @@ void kyNetDecompressReceiver::stop()
 
     for (Waiting dropped; m_compressed->try_pop(dropped);) {
     }
-    const Buffer endMarker = kyNetBufferPool::pop();
-    endMarker->setDataSize(0);
     for (std::size_t i = 0; i < m_workers.size(); ++i) {
-        m_compressed->push({endMarker, nullptr});
+        m_compressed->push({}); // The end of a thread.
     }
     for (std::thread& worker : m_workers) {
         worker.join();

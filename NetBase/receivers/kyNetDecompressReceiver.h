@@ -33,8 +33,7 @@ class kyNetRecvQueue;
 /// Failures: what a child's recv throws, a time-out too, ends its thread, and is told behind all
 /// that came from that child before; what the compressor throws costs that buffer only. For each of
 /// them recv throws the first failure of all. Other children go on; when none is left, every recv
-/// throws at once. An empty buffer that a child delivers is delivered before a failure, and counts
-/// as its news after one.
+/// throws at once. Empty buffers of children are delivered like all others.
 class KY_NETBASE_EXPORT kyNetDecompressReceiver : public kyNetReceiver
 {
 public:

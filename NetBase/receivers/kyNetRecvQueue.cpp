@@ -5,7 +5,6 @@
 
 #include <NetBase/buffers/kyConnectionClosed.h>
 #include <NetBase/buffers/kyNetBuffer.h>
-#include <NetBase/buffers/kyNetBufferPool.h>
 
 kyNetRecvQueue::Source::Source(kyNetRecvQueue& queue) : m_queue(queue)
 {
@@ -22,23 +21,22 @@ kyNetRecvQueue::Source::~Source()
 void kyNetRecvQueue::pushFailure() noexcept
 {
     try {
-        Buffer empty = kyNetBufferPool::pop();
-        empty->setDataSize(0);
-        push(std::move(empty));
+        // Not an empty buffer: such come from peers, too, and take memory.
+        push(nullptr);
     } catch (const std::bad_alloc&) {
-        m_arrived.abort(); // Wakes a waiting reader without memory.
+        m_arrived.abort(); // Wakes a waiting reader all the same.
     }
 }
 
 void kyNetRecvQueue::recv(Buffer& buffer)
 {
     takeArrived();
-    const bool isFailure = isFailureNext();
-    buffer = std::move(m_taken.front());
+    Buffer next = std::move(m_taken.front());
     m_taken.pop();
-    if (isFailure) {
-        m_failure.rethrowIfSet();
+    if (!next) {
+        throwEnd();
     }
+    buffer = std::move(next);
 }
 
 void kyNetRecvQueue::recvAvailable(std::queue<Buffer>& queue)
@@ -48,7 +46,7 @@ void kyNetRecvQueue::recvAvailable(std::queue<Buffer>& queue)
         recv(buffer);
         queue.push(std::move(buffer));
         // Who calls with a queue of its own would lose it by a failure behind these.
-    } while (!m_taken.empty() && !isFailureNext());
+    } while (!m_taken.empty() && m_taken.front());
 }
 
 bool kyNetRecvQueue::isReadable()
@@ -60,11 +58,6 @@ bool kyNetRecvQueue::isReadable()
     return !m_taken.empty() || isAtEnd();
 }
 
-bool kyNetRecvQueue::isFailureNext() const
-{
-    return m_taken.front()->getDataSize() == 0 && m_failure.isSet();
-}
-
 void kyNetRecvQueue::takeArrived()
 {
     if (!m_taken.empty()) {
@@ -72,7 +65,7 @@ void kyNetRecvQueue::takeArrived()
     }
     Buffer buffer;
     if (m_sources != 0) {
-        m_arrived.pop(buffer);
+        awaitArrival(buffer);
     } else if (!m_arrived.try_pop(buffer)) {
         throwEnd();
     }
@@ -81,6 +74,15 @@ void kyNetRecvQueue::takeArrived()
     // What comes meanwhile is left for the next time, or a fast peer would keep the reader here.
     for (auto left = m_arrived.size(); left > 0 && m_arrived.try_pop(buffer); --left) {
         m_taken.push(std::move(buffer));
+    }
+}
+
+void kyNetRecvQueue::awaitArrival(Buffer& buffer)
+{
+    try {
+        m_arrived.pop(buffer);
+    } catch (const tbb::user_abort&) {
+        throwEnd();
     }
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <exception>
 #include <memory>
 #include <queue>
 #include <utility>
@@ -25,8 +24,8 @@ class kyNetBuffer;
 ///         queue->readFrom(*child, [queue](Buffer&& buffer) { queue->push(std::move(buffer)); });
 ///     });
 ///
-/// A source only ends by a failure. Its end pushes an empty buffer, which tells the reader behind
-/// everything that came before. Once all sources have ended and nothing is left, nobody waits.
+/// A source only ends by a failure, and the reader is told of it behind everything that came
+/// before. Once all sources have ended and nothing is left, nobody waits.
 ///
 /// Threads: any number push; one at a time calls recv, recvAvailable and isReadable.
 class kyNetRecvQueue
@@ -53,6 +52,9 @@ public:
 
     void push(Buffer buffer) { m_arrived.push(std::move(buffer)); }
 
+    /// What a step of a worker throws is kept by this: the first is the failure.
+    kyNetFirstFailure& getFailure() { return m_failure; }
+
     /// Tells the reader, behind all that was pushed before, that something has failed.
     void pushFailure() noexcept;
 
@@ -60,7 +62,7 @@ public:
     /// one of them fails.
     template <class Deliver> void readFrom(kyNetReceiver& child, const Deliver& deliver) noexcept
     {
-        attempt([&] {
+        m_failure.attempt([&] {
             kyThreads::resetProcessors();
             kyNetAffinityManager::setNodeAffinity(child.getNodeAffinity());
             for (;;) {
@@ -71,21 +73,9 @@ public:
         });
     }
 
-    /// Runs a step of a worker. What it throws is the failure, and the result false.
-    template <class Step> bool attempt(const Step& step) noexcept
-    {
-        try {
-            step();
-            return true;
-        } catch (...) {
-            m_failure.store(std::current_exception());
-            return false;
-        }
-    }
-
-    /// The next buffer; blocks until there is one. Throws the first failure instead of delivering
-    /// an empty buffer after it, and every time once nothing can come any more; without a failure,
-    /// as without sources, that is kyConnectionClosed.
+    /// The next buffer; blocks until there is one. Throws the first failure for each that is told,
+    /// and every time once nothing can come any more; without sources that is kyConnectionClosed.
+    /// `buffer` is left alone then.
     void recv(Buffer& buffer);
 
     /// Appends all that has arrived, up to the first failure; blocks and throws as recv.
@@ -95,13 +85,13 @@ public:
     bool isReadable();
 
 private:
-    bool isFailureNext() const;
     bool isAtEnd() const { return m_sources == 0 && m_failure.isSet(); }
     void takeArrived();
+    void awaitArrival(Buffer& buffer);
     [[noreturn]] void throwEnd() const;
 
-    tbb::concurrent_bounded_queue<Buffer> m_arrived;
-    std::queue<Buffer> m_taken; ///< The reader's part of what has arrived.
+    tbb::concurrent_bounded_queue<Buffer> m_arrived; ///< A null pointer tells of a failure.
+    std::queue<Buffer> m_taken;                      ///< The reader's part of what has arrived.
     kyNetFirstFailure m_failure;
     std::atomic<int> m_sources{0};
 };

@@ -17,7 +17,7 @@ using Buffer = std::shared_ptr<kyNetBuffer>;
 class Worker
 {
 public:
-    Worker(kyNetSendQueue& queue, kyNetSender& child)
+    Worker(kyNetSendQueue& queue, const std::shared_ptr<kyNetSender>& child)
         : m_queue(queue), m_failure(queue.getFailure()), m_child(child)
     {
     }
@@ -25,7 +25,7 @@ public:
     void run()
     {
         m_failure.attempt(
-            [this] { kyNetAffinityManager::setNodeAffinity(m_child.getNodeAffinity()); });
+            [this] { kyNetAffinityManager::setNodeAffinity(m_child->getNodeAffinity()); });
         do {
             m_taken = 0;
             m_failure.attempt([this] {
@@ -67,7 +67,7 @@ private:
         Buffer out;
         while (!m_failure.isSet() && kyNetBuffer::tryBundle(m_batch, out) &&
                out->getDataSize() != 0) {
-            m_child.send(out);
+            m_child->send(out);
         }
     }
 
@@ -80,7 +80,7 @@ private:
 
     kyNetSendQueue& m_queue;
     kyNetFirstFailure& m_failure;
-    kyNetSender& m_child;
+    std::shared_ptr<kyNetSender> m_child;
     std::queue<Buffer> m_batch; // Kept between batches for its memory.
     std::uint64_t m_taken = 0;
     bool m_hasTakenEmpty = false;
@@ -93,7 +93,9 @@ kyNetBufferedSender::kyNetBufferedSender(const std::vector<std::shared_ptr<kyNet
     : kyNetSender(children), m_queue(std::make_unique<kyNetSendQueue>(capacity))
 {
     for (const auto& child : children) {
-        m_queue->startWorker([queue = m_queue.get(), child] { Worker(*queue, *child).run(); });
+        // Made here, where a lack of memory has somebody to be thrown to.
+        const auto worker = std::make_shared<Worker>(*m_queue, child);
+        m_queue->startWorker([worker] { worker->run(); });
     }
 }
 

@@ -22,22 +22,23 @@ class kyNetSendQueue;
 /// Order: buffers that one child sends leave in the order in which they were queued; with several
 /// children they overtake each other.
 ///
-/// Lifetime: destruction drops what is queued and waits for the children's sends that are on
-/// their way; shutdown ends those. Without children nothing is ever sent, and a full queue blocks
-/// for ever.
+/// Lifetime: destruction drops what is queued and waits for what the threads have taken to be
+/// sent; shutdown ends that. Without a thread, as without children, nothing is sent: a full queue
+/// and waiting for what is queued block for ever.
 ///
 /// Threads: any number may send and wait at once; the last of them has returned before
 /// destruction. Each child is used by one thread of its own, unless it stands here twice.
 ///
 /// Failures: what a child's send throws ends the work of all threads, and what they still take is
 /// dropped. The first failure is thrown by every send and waitAllDataTransfered from then on, also
-/// by those that are blocked at that moment.
+/// by those that wait at that moment. A send that has waited may throw although its buffer was
+/// sent before the failure.
 class KY_NETBASE_EXPORT kyNetBufferedSender : public kyNetSender
 {
 public:
     /// Over these children, with room for `capacity` waiting buffers, 256 if it is 0 or less.
-    /// Starts the threads; throws std::system_error if one cannot be started. create is the usual
-    /// way.
+    /// Starts the threads; throws std::system_error if one cannot be started, and leaves none
+    /// behind. create is the usual way.
     kyNetBufferedSender(const std::vector<std::shared_ptr<kyNetSender>>& children, int capacity);
     ~kyNetBufferedSender() override;
 
@@ -54,7 +55,7 @@ public:
     void send(const std::shared_ptr<kyNetBuffer>& buffer) override;
 
     /// Blocks, busy but yielding, until every buffer is handed to a child, and then until the
-    /// children have passed it on. Throws the first failure.
+    /// children have passed it on. Throws the first failure, or what a child's waiting throws.
     void waitAllDataTransfered() override;
 
 private:

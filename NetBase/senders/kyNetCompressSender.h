@@ -31,7 +31,8 @@ class kyNetSendQueue;
 ///
 /// Failures: what the compressor or the target throws in a thread ends that thread's work: what it
 /// takes from then on is dropped, the others go on. The first failure is thrown by every send and
-/// waitAllDataTransfered from then on, also by those that are blocked at that moment.
+/// waitAllDataTransfered from then on, also by those that wait for room or for the threads at that
+/// moment; the buffer of such a send may be passed on all the same.
 class KY_NETBASE_EXPORT kyNetCompressSender : public kyNetSender
 {
 public:
@@ -45,8 +46,9 @@ public:
            const std::shared_ptr<kyNetSender>& target);
 
     /// Queues the buffer, or passes it on if it is not to be compressed or is empty; blocks while
-    /// the queue is full, or as the target does. Throws the first failure, and std::system_error
-    /// if threads cannot be started; the next send tries again.
+    /// the queue is full, or as the target does. Throws the first failure, what the target throws
+    /// to it directly, and std::system_error if threads cannot be started; the next send tries
+    /// again.
     void send(const std::shared_ptr<kyNetBuffer>& buffer) override;
 
     /// Counts a buffer that went another way.
@@ -59,7 +61,7 @@ public:
     void resetStatistics() override;
 
     /// Blocks, busy but yielding, until every buffer is handed to the target, and then until that
-    /// has passed it on. Throws the first failure.
+    /// has passed it on. Throws the first failure, or what the target's waiting throws.
     void waitAllDataTransfered() override;
 
 private:

@@ -13,8 +13,9 @@ constexpr int s_endingCapacity = 10000;
 
 } // namespace
 
-kyNetSendQueue::kyNetSendQueue(int capacity)
+kyNetSendQueue::kyNetSendQueue(int capacity) : m_endMarker(kyNetBufferPool::pop())
 {
+    m_endMarker->setDataSize(0);
     m_buffers.set_capacity(capacity > 0 ? capacity : kyNetOptions::getMaxIOBuffers());
 }
 
@@ -24,13 +25,11 @@ kyNetSendQueue::~kyNetSendQueue()
     m_isEnding = true;
     m_buffers.set_capacity(s_endingCapacity);
 
-    const Buffer endMarker = kyNetBufferPool::pop();
-    endMarker->setDataSize(0);
     for (std::size_t i = 0; i < m_workers.size(); ++i) {
-        enqueue(endMarker);
+        enqueue(m_endMarker);
     }
     for (std::thread& worker : m_workers) {
-        enqueue(endMarker); // Intended: one to spare for each.
+        enqueue(m_endMarker); // Intended: one to spare for each.
         worker.join();
     }
 }

@@ -41,7 +41,7 @@ class kyNetSendQueue
 public:
     using Buffer = std::shared_ptr<kyNetBuffer>;
 
-    /// Room for `capacity` buffers; the usual 256 if it is 0 or less.
+    /// Room for `capacity` buffers; the usual 256 if it is 0 or less. Holds one of the pool.
     explicit kyNetSendQueue(int capacity);
 
     /// Drops what still waits, ends the workers and waits for them.
@@ -55,8 +55,8 @@ public:
     void startWorker(std::function<void()> work);
     std::size_t countWorkers() const { return m_workers.size(); }
 
-    /// Queues a buffer; blocks while there is no room. Throws the first failure, also one that
-    /// happens while it waits; the buffer is dropped then.
+    /// Queues a buffer; blocks while there is no room. Throws the first failure, before it queues
+    /// the buffer or if it had to wait; then a worker may still pass the buffer on.
     void push(const Buffer& buffer);
 
     /// Blocks, busy but yielding, until all that was queued is passed on. Throws the first failure,
@@ -90,6 +90,7 @@ private:
 
     void dropWaiting();
 
+    const Buffer m_endMarker; // Taken first: at the end there may be no memory for one.
     tbb::concurrent_bounded_queue<Buffer> m_buffers;
     std::atomic<std::uint64_t> m_pending{0};
     kyNetFirstFailure m_failure;

@@ -14,7 +14,9 @@ class kyNetStreamBuf;
 ///     scene.read(text);
 ///
 /// It ends with end-of-file where the writer closed the text. Read up to there, or the rest of the
-/// text is what the serializer reads next. After clear() a further read reads the next text.
+/// text is what the serializer reads next. After clear() a further read reads the next text. Skip
+/// a known number of characters with read: ignore looks at the one behind them, and may take the
+/// end of the text without saying so.
 ///
 /// A failure of the connection and a stream out of sync set badbit; for their exceptions call
 /// exceptions(std::ios::badbit). seekg(0, std::ios::beg) goes back to the start of the current

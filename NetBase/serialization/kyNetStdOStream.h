@@ -20,6 +20,9 @@ class kyNetStreamBuf;
 /// Values written into the serializer before or after the text stand before or after it, those
 /// written in between destroy it.
 ///
+/// A failure sets badbit; for its exception call exceptions(std::ios::badbit). With std::unitbuf
+/// the flush behind an operation throws nothing, the next operation then throws std::ios::failure.
+///
 /// Destruction passes on what was not flushed, but does not end the text: close it, or the reader
 /// waits.
 ///

@@ -23,7 +23,7 @@ kyNetStreamBuf::~kyNetStreamBuf()
 
 void kyNetStreamBuf::writeEOF()
 {
-    sync();
+    writeChunk();
     m_serializer->putValue(s_endOfText);
 }
 

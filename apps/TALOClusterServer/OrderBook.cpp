@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <exception>
+#include <future>
 #include <utility>
 
 #include <NetBase/buffers/kyConnectionClosed.h>
@@ -188,14 +189,27 @@ void OrderBook::checkLimit()
 
 void OrderBook::sayLast(Answer answer)
 {
-    // By the worker, as only that writes, and not for ever: the application may have stopped
-    // reading long ago.
-    std::unique_lock<std::mutex> guard(m_lock);
-    m_lastAnswer = std::move(answer);
-    m_isStopped = true;
-    m_changed.notify_all();
-    m_changed.wait_for(guard, std::chrono::duration<double>(s_lastAnswerTimeout),
-                       [this] { return m_isWorkerDone; });
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_lastAnswer = std::move(answer);
+        m_isStopped = true;
+        m_changed.notify_all();
+    }
+    // Then the application hangs up. If the server did, the end of one channel could overtake the
+    // answer on another one.
+    const auto limit = std::async(std::launch::async, [this] {
+        std::unique_lock<std::mutex> guard(m_lock);
+        const std::chrono::duration<double> timeout(s_lastAnswerTimeout);
+        m_changed.wait_for(guard, timeout, [this] { return m_hasHungUp; });
+        m_stream.shutdown();
+    });
+    try {
+        m_stream.recvAll();
+    } catch (const std::exception&) {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_hasHungUp = true;
+        m_changed.notify_all();
+    }
 }
 
 void OrderBook::stop()
@@ -221,15 +235,11 @@ void OrderBook::work()
         }
         if (m_lastAnswer) {
             send(*m_lastAnswer);
-            m_stream.waitAllDataTransfered();
         }
     } catch (const std::exception&) {
         // No answer gets through: let the reader notice too.
         m_stream.shutdown();
     }
-    const std::lock_guard<std::mutex> guard(m_lock);
-    m_isWorkerDone = true;
-    m_changed.notify_all();
 }
 
 bool OrderBook::take(Job& job)

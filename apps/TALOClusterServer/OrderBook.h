@@ -41,7 +41,7 @@ public:
     /// end is cut off here.
     static constexpr std::size_t s_limit = 1024;
 
-    /// Seconds that the last answer has to leave.
+    /// Seconds that the application has to hang up after the last answer.
     static constexpr double s_lastAnswerTimeout = 5.0;
 
     /// Over a stream to the application, to which nobody else writes.
@@ -110,7 +110,7 @@ private:
     std::deque<Job> m_jobs;
     std::optional<Answer> m_lastAnswer;
     std::atomic<bool> m_isStopped{false};
-    bool m_isWorkerDone = false;
+    bool m_hasHungUp = false;
 
     // Of the worker's thread.
     std::unique_ptr<PathTracer> m_tracer;

@@ -161,7 +161,9 @@ void RenderServer::recvKey(const std::shared_ptr<kySocketLink>& link)
 {
     link->setRecvTimeout(s_helloTimeout);
     // Without a key the exchange only looks at what is there.
-    link->pollReadable(s_helloTimeout);
+    if (!link->pollReadable(s_helloTimeout)) {
+        throw kyConnectionTimeout();
+    }
     KeyExchange::answer(link, m_key);
 }
 

@@ -32,8 +32,8 @@ namespace render {
 /// cannot help when it dies; and when nobody has been connected for ten seconds. So nobody's death
 /// leaves a server behind.
 ///
-/// A connection without the key, or that says no proper Hello within half a minute, is told why and
-/// closed; the others do not notice.
+/// A connection without the key or without a proper Hello is told why and closed, one that is
+/// silent for half a minute is closed; the others do not notice.
 class RenderServer
 {
 public:

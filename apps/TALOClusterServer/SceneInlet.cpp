@@ -14,9 +14,9 @@ namespace render {
 
 namespace {
 
-/// Seconds that the other server has to open its channels. The application does not send the scene
-/// before it has, so this only ends if it is gone.
-constexpr double s_openTimeout = 30.0;
+/// Seconds that the other server has to open its channels. An application does not set this server
+/// up before it has, so this only ends if it is gone or cannot reach this one.
+constexpr double s_openTimeout = 5.0;
 
 } // namespace
 

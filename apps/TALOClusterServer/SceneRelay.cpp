@@ -17,8 +17,9 @@ namespace render {
 
 namespace {
 
-/// Seconds that a target has for each of its answers.
-constexpr double s_helloTimeout = 30.0;
+/// Seconds that a target has for each of its answers: so few that the application, which waits
+/// meanwhile, does not take a server for one that hangs because both of its targets do.
+constexpr double s_helloTimeout = 10.0;
 
 /// Buffers that may wait for one target: any number. One that hangs must hold up neither the others
 /// nor this server's own reading, and what waits is no more than the scene, which is kept anyway.

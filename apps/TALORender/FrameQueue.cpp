@@ -28,9 +28,9 @@ std::size_t FrameQueue::countTiles() const
     return count;
 }
 
-std::deque<Tile> FrameQueue::cut(const Frame& frame) const
+FrameQueue::Tiles FrameQueue::cut(const Frame& frame) const
 {
-    std::deque<Tile> tiles;
+    Tiles tiles;
     for (std::uint32_t y = 0; y < frame.height; y += m_edge) {
         for (std::uint32_t x = 0; x < frame.width; x += m_edge) {
             tiles.push_back(
@@ -49,25 +49,19 @@ void FrameQueue::announce(std::int32_t number)
 
 void FrameQueue::release(std::int32_t number)
 {
-    std::deque<Tile> tiles = cut(getFrame(number));
+    Tiles tiles = cut(getFrame(number));
     const std::lock_guard<std::mutex> guard(m_lock);
-    const std::size_t count = tiles.size();
-    m_released[number] = {std::move(tiles), count};
+    m_unfinished[number] = tiles.size();
+    m_waiting[number] = std::move(tiles);
     m_changed.notify_all();
-}
-
-void FrameQueue::waitTaken()
-{
-    std::unique_lock<std::mutex> guard(m_lock);
-    m_changed.wait(guard, [this] { return m_isClosed || isTaken(); });
 }
 
 bool FrameQueue::waitFinished(std::int32_t number)
 {
     std::unique_lock<std::mutex> guard(m_lock);
-    const Progress& progress = m_released.at(number);
-    m_changed.wait(guard, [&] { return m_isClosed || progress.unfinished == 0; });
-    return progress.unfinished == 0;
+    const std::size_t& unfinished = m_unfinished.at(number);
+    m_changed.wait(guard, [&] { return m_isClosed || unfinished == 0; });
+    return unfinished == 0;
 }
 
 std::optional<FrameQueue::Task> FrameQueue::tryTake(std::int32_t& begun)
@@ -82,7 +76,7 @@ std::optional<FrameQueue::Task> FrameQueue::take(std::int32_t& begun)
     std::optional<Task> task;
     m_changed.wait(guard, [&] {
         task = pop(begun);
-        return task || m_isClosed || isAllFinished();
+        return task || m_isClosed || m_unfinishedFrames == 0;
     });
     return task;
 }
@@ -96,21 +90,23 @@ std::optional<FrameQueue::Task> FrameQueue::pop(std::int32_t& begun)
     if (begun < m_announced) {
         return Task{++begun, std::nullopt};
     }
-    for (auto& [number, progress] : m_released) {
-        if (!progress.waiting.empty()) {
-            const Task task{number, progress.waiting.front()};
-            progress.waiting.pop_front();
-            m_changed.notify_all();
-            return task;
-        }
+    if (m_waiting.empty()) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    const auto oldest = m_waiting.begin();
+    Tiles& tiles = oldest->second;
+    const Task task{oldest->first, tiles.front()};
+    tiles.pop_front();
+    if (tiles.empty()) {
+        m_waiting.erase(oldest);
+    }
+    return task;
 }
 
 void FrameQueue::finish(const Task& task)
 {
     const std::lock_guard<std::mutex> guard(m_lock);
-    if (--m_released.at(task.frame).unfinished == 0) {
+    if (--m_unfinished.at(task.frame) == 0) {
         --m_unfinishedFrames;
         m_changed.notify_all();
     }
@@ -119,7 +115,7 @@ void FrameQueue::finish(const Task& task)
 void FrameQueue::giveBack(const Task& task)
 {
     const std::lock_guard<std::mutex> guard(m_lock);
-    m_released.at(task.frame).waiting.push_front(task.tile.value());
+    m_waiting[task.frame].push_front(task.tile.value());
     m_changed.notify_all();
 }
 
@@ -128,17 +124,6 @@ void FrameQueue::close()
     const std::lock_guard<std::mutex> guard(m_lock);
     m_isClosed = true;
     m_changed.notify_all();
-}
-
-bool FrameQueue::isTaken() const
-{
-    return std::all_of(m_released.begin(), m_released.end(),
-                       [](const auto& each) { return each.second.waiting.empty(); });
-}
-
-bool FrameQueue::isAllFinished() const
-{
-    return m_unfinishedFrames == 0;
 }
 
 } // namespace render

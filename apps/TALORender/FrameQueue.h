@@ -17,10 +17,9 @@ namespace render {
 ///
 /// Somebody leads:
 ///
-///     queue.announce(n);          // each server is told once to begin the frame
+///     queue.announce(n + 1);      // each server is told once to begin the frame
 ///     ...                         // until all have done so
-///     queue.release(n);           // now its tiles are handed out
-///     queue.waitTaken();          // time for the next frame, though this one is not finished
+///     queue.release(n + 1);       // its tiles are handed out right behind those of frame n
 ///     queue.waitFinished(n);
 ///
 /// Each server has a thread that takes tasks. A tile that was taken is finished or given back; what
@@ -38,8 +37,8 @@ public:
         std::optional<Tile> tile;
     };
 
-    /// For these frames, which are numbered from `first` on. Tiles are squares of the given edge,
-    /// smaller ones at the right and lower border.
+    /// For these frames, none of them empty, which are numbered from `first` on. Tiles are squares
+    /// of the given edge, smaller ones at the right and lower border.
     FrameQueue(std::vector<Frame> frames, std::int32_t first, std::uint32_t edge);
 
     const Frame& getFrame(std::int32_t number) const;
@@ -52,9 +51,6 @@ public:
 
     /// Adds the frame's tiles to those that are handed out.
     void release(std::int32_t number);
-
-    /// Waits until no tile is left to be taken, or the queue is closed.
-    void waitTaken();
 
     /// Waits until every tile of a released frame is done; false if the queue was closed before.
     bool waitFinished(std::int32_t number);
@@ -76,17 +72,10 @@ public:
     void close();
 
 private:
-    /// A frame that was released.
-    struct Progress
-    {
-        std::deque<Tile> waiting;
-        std::size_t unfinished = 0;
-    };
+    using Tiles = std::deque<Tile>;
 
-    std::deque<Tile> cut(const Frame& frame) const;
+    Tiles cut(const Frame& frame) const;
     std::optional<Task> pop(std::int32_t& begun);
-    bool isTaken() const;
-    bool isAllFinished() const;
 
     const std::vector<Frame> m_frames;
     const std::int32_t m_first;
@@ -95,7 +84,10 @@ private:
     std::mutex m_lock;
     std::condition_variable m_changed;
     std::int32_t m_announced;
-    std::map<std::int32_t, Progress> m_released;
+    /// Tiles to be taken, by the number of their frame; no frame without tiles.
+    std::map<std::int32_t, Tiles> m_waiting;
+    /// How many tiles of each released frame are not done.
+    std::map<std::int32_t, std::size_t> m_unfinished;
     std::size_t m_unfinishedFrames;
     bool m_isClosed = false;
 };

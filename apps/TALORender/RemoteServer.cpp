@@ -7,6 +7,8 @@
 #include <NetBase/buffers/kyNetError.h>
 #include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/links/kySocketLink.h>
+#include <NetBase/receivers/kyNetMultiLinkReceiver.h>
+#include <NetBase/senders/kyNetSender.h>
 #include <apps/TALORender/Watchdog.h>
 #include <apps/common/KeyExchange.h>
 #include <apps/common/SceneWire.h>
@@ -33,7 +35,11 @@ RemoteServer::RemoteServer(const NodeAddress& node, const Job& job, std::int32_t
         m_channels.lowLatency = openChannels(kyNodeConnectionType::LowLatency, 1);
         m_channels.lowLatency.insert(m_channels.lowLatency.begin(), m_first);
         m_channels.image = openChannels(kyNodeConnectionType::Image, 0);
-        m_syncChannels = openChannels(kyNodeConnectionType::Sync, 0);
+        const auto sync = openChannels(kyNodeConnectionType::Sync, 0);
+        m_sync.setRank(s_applicationRank);
+        m_sync.setSender(
+            kyNetSender::createBundle(sync, false, {static_cast<unsigned int>(m_rank)}));
+        m_sync.setReceiver(kyNetMultiLinkReceiver::create(sync));
     } catch (const std::exception& e) {
         giveUp();
         throw kyNetError(describe() + ": " + e.what());
@@ -102,11 +108,11 @@ void RemoteServer::setUp(const Setup& setup)
     m_stream.setReceiver(m_channels.makeReceiver(m_job.compressor));
 }
 
-void RemoteServer::loadScene(const Scene& scene, double limit, double relayLimit)
+void RemoteServer::loadScene(const Scene& scene, double relayLimit, double limit)
 {
     bool isLoaded = false;
     if (m_isRelayed) {
-        within(relayLimit + limit, [&] {
+        within(relayLimit, [&] {
             AnswerMessage message;
             m_stream.recvMessage(message);
             // Whatever became of the relays before it, the scene itself may be sound.
@@ -188,6 +194,18 @@ FrameQueue::Task RemoteServer::recvTile(const TileHandler& onTile)
     return task;
 }
 
+void RemoteServer::synchronise(std::int32_t frame, double limit)
+{
+    within(limit, [&] {
+        m_sync.sendSync(frame);
+        const std::int32_t begun = m_sync.waitSync();
+        if (begun != frame) {
+            throw kyNetError("It has begun frame " + std::to_string(begun) + " instead of " +
+                             std::to_string(frame));
+        }
+    });
+}
+
 void RemoteServer::reportTraffic()
 {
     within(m_job.patience, [&] {
@@ -220,31 +238,23 @@ Answer RemoteServer::recvAnswer(Order order)
 
 template <class Action> void RemoteServer::within(double seconds, const Action& action)
 {
-    const Watchdog::Guard guard(*m_job.watchdog, seconds, [this] { shutdown(); });
+    const Watchdog::Guard guard(*m_job.watchdog, seconds, [this, seconds] {
+        m_silence = seconds;
+        shutdown();
+    });
     try {
         action();
     } catch (const std::exception&) {
-        if (!guard.hasExpired()) {
+        // Its end is what all who wait for it see of a server that hangs.
+        if (!isHanging()) {
             throw;
         }
     }
-    if (guard.hasExpired()) {
-        failAsSilent(seconds);
+    if (isHanging()) {
+        std::ostringstream text;
+        text << "It gave no answer within " << m_silence << " seconds";
+        throw kyNetError(text.str());
     }
-}
-
-void RemoteServer::failAsSilent(double seconds)
-{
-    m_isHanging = true;
-    std::ostringstream text;
-    text << "It gave no answer within " << seconds << " seconds";
-    throw kyNetError(text.str());
-}
-
-std::vector<std::shared_ptr<kyNetLink>> RemoteServer::takeSyncChannels()
-{
-    return m_syncChannels.empty() ? openChannels(kyNodeConnectionType::Sync, 0)
-                                  : std::exchange(m_syncChannels, {});
 }
 
 void RemoteServer::shutdown()
@@ -259,7 +269,7 @@ void RemoteServer::shutdown()
 void RemoteServer::giveUp()
 {
     shutdown();
-    if (!m_isHanging) {
+    if (!isHanging()) {
         return;
     }
     try {

@@ -32,7 +32,7 @@ class Watchdog;
 /// it may is given up: its channels are closed, and it is a kyNetError, too. The server is of no
 /// use after any of them.
 ///
-/// Threads: one at a time, but where it says any.
+/// Threads: one at a time, but where it says more.
 class RemoteServer
 {
 public:
@@ -82,21 +82,21 @@ public:
     void setUp(const Setup& setup);
 
     /// Hands the scene over, or waits until another server has relayed it, and until the server
-    /// can render it: `limit` seconds for this server alone, `relayLimit` for the relays before
-    /// it. Once.
-    void loadScene(const Scene& scene, double limit, double relayLimit);
+    /// can render it. The relayed one may take `relayLimit` seconds; if it does not come whole, or
+    /// there is no relay, the application's own may take `limit` seconds. Once.
+    void loadScene(const Scene& scene, double relayLimit, double limit);
 
     /// Has the server render frames until all are finished, two tiles at a time, so that it never
     /// waits for the next one. If it throws, the tiles it has not finished are given back. A tile
     /// may take `limit` seconds.
     void render(FrameQueue& queue, double limit, const TileHandler& onTile);
 
+    /// Waits until the server has begun the frame, which may take `limit` seconds. Beside render,
+    /// which tells the server to begin it.
+    void synchronise(std::int32_t frame, double limit);
+
     /// Asks the server what it has sent.
     void reportTraffic();
-
-    /// The sync channels: those of the beginning, after that new ones each time. Throws kyNetError
-    /// if the server does not live any more.
-    std::vector<std::shared_ptr<kyNetLink>> takeSyncChannels();
 
     /// Closes every channel, which ends all calls that wait for the server. Any thread.
     void shutdown();
@@ -104,10 +104,6 @@ public:
     /// Closes every channel; if the server hangs, and so cannot notice, has its service end it. Any
     /// thread; blocks for as long as the service does; throws nothing.
     void giveUp();
-
-    /// Throws that the server has kept the application waiting for so long, and from now on takes
-    /// it for one that hangs. Any thread.
-    [[noreturn]] void failAsSilent(double seconds);
 
     Work getWork() const;
 
@@ -118,6 +114,7 @@ private:
     void hold(const std::shared_ptr<kyNetLink>& link);
 
     template <class Action> void within(double seconds, const Action& action);
+    bool isHanging() const { return m_silence >= 0.0; }
     void sendScene(const Scene& scene);
     void send(kyNetMessage& message);
     void perform(const FrameQueue::Task& task, const Frame& frame);
@@ -128,7 +125,9 @@ private:
     const Job m_job;
     const std::int32_t m_rank;
     std::uint32_t m_serverId = 0;
-    std::atomic<bool> m_isHanging{false};
+    /// Seconds in which the server gave no answer though it should have; negative: it does not
+    /// hang.
+    std::atomic<double> m_silence{-1.0};
 
     std::mutex m_linksLock;
     std::vector<std::shared_ptr<kyNetLink>> m_links; ///< all that were ever opened
@@ -136,11 +135,11 @@ private:
 
     std::shared_ptr<kySocketLink> m_first;
     RenderChannels m_channels;
-    std::vector<std::shared_ptr<kyNetLink>> m_syncChannels;
     bool m_isRelayed = false;
     /// Ordered and not yet received.
     std::vector<FrameQueue::Task> m_inFlight;
     Work m_work;
+    kyNetStream m_sync;
     kyNetStream m_stream; // Last: its threads use all of the above.
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,7 @@ struct RenderArguments
     std::uint32_t samples = 64;
     std::uint32_t frames = 1;
     std::string bookingId;
-    std::string keyFile;
+    std::optional<std::string> keyFile;
     kyNetInterfaceOptions channels;
     kyNetCompression imageCompression = kyNetCompression::Standard;
     bool isRelayed = false;

@@ -23,6 +23,9 @@ constexpr std::uint32_t s_tileEdge = 32;
 /// Seconds that a service takes to end a server that hangs, beside what it is asked for meanwhile.
 constexpr double s_endingTime = 30.0;
 
+/// Bytes of a warning that are passed on: a server may give any reason for its failure.
+constexpr std::size_t s_maxWarning = 4096;
+
 constexpr const char* s_noServers = "No render server is left";
 
 std::uint64_t makeSession()
@@ -192,15 +195,35 @@ void RenderCluster::loadScene(const Scene& scene)
 {
     const double limit = m_settings.patience + 5e-6 * static_cast<double>(countTriangles(scene)) *
                                                    static_cast<double>(m_started.size());
-    std::map<const RemoteServer*, double> relayLimits;
-    for (std::size_t i = 0; i < m_started.size(); ++i) {
-        // A relay that hangs is noticed and ended; only then do those behind it notice.
-        relayLimits[m_started[i].get()] =
-            static_cast<double>(m_places[i].level) * (2.0 * limit + s_endingTime);
+    std::map<const RemoteServer*, std::promise<bool>> promises;
+    std::vector<std::shared_future<bool>> isLoaded;
+    for (const auto& server : m_started) {
+        isLoaded.push_back(promises[server.get()].get_future());
+        if (isLost(*server)) {
+            promises[server.get()].set_value(false);
+        }
     }
-    forEach(getLiving(),
-            [&](RemoteServer& server) { server.loadScene(scene, limit, relayLimits.at(&server)); });
+    forEach(getLiving(), [&](RemoteServer& server) {
+        // Its time begins when the one that relays to it is through. One that hangs has to be ended
+        // before those behind it notice.
+        const auto parent = findPlace(server).parent;
+        const double grace = !parent || isLoaded[*parent].get() ? 0.0 : s_endingTime;
+        try {
+            server.loadScene(scene, limit + grace, limit);
+        } catch (const std::exception&) {
+            promises.at(&server).set_value(false);
+            throw;
+        }
+        promises.at(&server).set_value(true);
+    });
     requireServers();
+}
+
+const RelayPlace& RenderCluster::findPlace(const RemoteServer& server) const
+{
+    const auto isIt = [&](const auto& each) { return each.get() == &server; };
+    const auto found = std::find_if(m_started.begin(), m_started.end(), isIt);
+    return m_places[static_cast<std::size_t>(found - m_started.begin())];
 }
 
 void RenderCluster::render(const std::vector<Frame>& frames, const PictureHandler& onPicture)
@@ -249,68 +272,16 @@ void RenderCluster::lead(FrameQueue& queue, std::int32_t first, std::int32_t end
     for (std::int32_t number = first; number < end; ++number) {
         queue.announce(number);
         // A server may have two tiles in work before it comes to the frame.
-        synchronise(number, 2.0 * limit);
+        forEach(getLiving(),
+                [&](RemoteServer& server) { server.synchronise(number, 2.0 * limit); });
         requireServers();
         queue.release(number);
+        // A server knows two frames only: the next one has to wait until the last is complete.
         if (number > first) {
             finish(number - 1);
         }
-        queue.waitTaken();
     }
     finish(end - 1);
-}
-
-void RenderCluster::synchronise(std::int32_t frame, double limit)
-{
-    // A group fails because a member is gone, whom the next group is made without; this is for a
-    // member that comes back each time.
-    std::size_t attempts = m_started.size() + 1;
-    for (;;) {
-        const Servers living = getLiving();
-        if (living.empty()) {
-            return;
-        }
-        if (m_synchronised != living) {
-            openSync(living);
-            continue;
-        }
-        try {
-            const Servers absent = m_sync->synchronise(frame, limit);
-            forEach(absent, [&](RemoteServer& server) { server.failAsSilent(limit); });
-            if (absent.empty()) {
-                return;
-            }
-        } catch (const std::exception&) {
-            m_synchronised.clear();
-            if (--attempts == 0) {
-                throw;
-            }
-        }
-    }
-}
-
-void RenderCluster::openSync(const Servers& servers)
-{
-    m_sync.reset();
-    std::mutex lock;
-    std::map<const RemoteServer*, std::vector<std::shared_ptr<kyNetLink>>> channelsOf;
-    forEach(servers, [&](RemoteServer& server) {
-        auto channels = server.takeSyncChannels();
-        const std::lock_guard<std::mutex> guard(lock);
-        channelsOf[&server] = std::move(channels);
-    });
-    std::vector<std::vector<std::shared_ptr<kyNetLink>>> channels;
-    m_synchronised.clear();
-    for (const auto& server : servers) {
-        const auto opened = channelsOf.find(server.get());
-        if (opened != channelsOf.end()) {
-            m_synchronised.push_back(server);
-            channels.push_back(opened->second);
-        }
-    }
-    if (!channels.empty()) {
-        m_sync = std::make_unique<SyncGroup>(m_synchronised, channels, m_watchdog);
-    }
 }
 
 void RenderCluster::reportTraffic()
@@ -365,7 +336,7 @@ void RenderCluster::requireServers() const
 void RenderCluster::warn(const std::string& text) const
 {
     const std::lock_guard<std::mutex> guard(m_warnLock);
-    m_warn(text);
+    m_warn(text.substr(0, s_maxWarning));
 }
 
 } // namespace render

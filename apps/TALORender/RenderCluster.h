@@ -14,7 +14,6 @@
 #include <apps/TALORender/Image.h>
 #include <apps/TALORender/RelayPlan.h>
 #include <apps/TALORender/RemoteServer.h>
-#include <apps/TALORender/SyncGroup.h>
 #include <apps/TALORender/Watchdog.h>
 #include <apps/common/NodeAddress.h>
 
@@ -67,9 +66,9 @@ public:
     /// Hands the scene to every server. Blocks. Once.
     void loadScene(const Scene& scene);
 
-    /// Renders pictures of the scene, in order: while the last tiles of one are on their way, the
-    /// next one is begun. The handler is called on the calling thread while servers go on
-    /// rendering; what it throws ends the job. Reports all tiles to kyNetProgress. Blocks.
+    /// Renders pictures of the scene, in order: while the last tiles of one are on their way, those
+    /// of the next one are rendered. The handler is called on the calling thread while servers go
+    /// on rendering; what it throws ends the job. Reports all tiles to kyNetProgress. Blocks.
     void render(const std::vector<Frame>& frames, const PictureHandler& onPicture);
 
     /// Asks every server what it has sent, for RemoteServer::getWork. Blocks.
@@ -85,11 +84,10 @@ private:
     void startServers(const std::vector<NodeAddress>& nodes);
     void setUpServers();
     Setup makeSetup(std::size_t server) const;
+    const RelayPlace& findPlace(const RemoteServer& server) const;
 
     void lead(FrameQueue& queue, std::int32_t first, std::int32_t end, double limit,
               const std::function<void(std::int32_t)>& deliver);
-    void synchronise(std::int32_t frame, double limit);
-    void openSync(const Servers& servers);
 
     void forEach(const Servers& servers, const std::function<void(RemoteServer&)>& task);
     void lose(RemoteServer& server, const std::string& reason);
@@ -109,8 +107,6 @@ private:
     std::set<const RemoteServer*> m_lost;
     std::atomic<bool> m_isEnding{false};
 
-    Servers m_synchronised;
-    std::unique_ptr<SyncGroup> m_sync;
     std::int32_t m_lastFrame = 0;
 };
 

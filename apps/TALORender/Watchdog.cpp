@@ -31,12 +31,6 @@ Watchdog::Guard::~Guard()
     m_watchdog.m_changed.wait(guard, [this] { return m_state != State::Expiring; });
 }
 
-bool Watchdog::Guard::hasExpired() const
-{
-    const std::lock_guard<std::mutex> guard(m_watchdog.m_lock);
-    return m_state != State::Waiting;
-}
-
 Watchdog::Watchdog() : m_thread(&Watchdog::watch, this) {}
 
 Watchdog::~Watchdog()

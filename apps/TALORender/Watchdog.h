@@ -39,9 +39,6 @@ public:
         Guard(const Guard&) = delete;
         Guard& operator=(const Guard&) = delete;
 
-        /// Whether the time was over.
-        bool hasExpired() const;
-
     private:
         friend class Watchdog;
         enum class State

@@ -44,9 +44,7 @@ RenderCluster::Settings clusterSettings(const RenderArguments& arguments)
     settings.channels = arguments.channels;
     settings.imageCompression = arguments.imageCompression;
     settings.isRelayed = arguments.isRelayed;
-    if (!arguments.keyFile.empty()) {
-        settings.key = SharedKey::read(arguments.keyFile);
-    }
+    settings.key = arguments.keyFile ? SharedKey::read(*arguments.keyFile) : nullptr;
     return settings;
 }
 

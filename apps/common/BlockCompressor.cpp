@@ -50,7 +50,8 @@ std::shared_ptr<kyNetBuffer> BlockCompressor::decompress(const std::shared_ptr<k
     }
     const std::uint64_t size = buffer->getDataSize();
     const std::uint64_t originalSize = buffer->getOriginalDataSize();
-    if (size > kyNetBuffer::getCapacity() || originalSize > kyNetBuffer::getCapacity()) {
+    // What gets no shorter is not compressed.
+    if (size >= originalSize || originalSize > kyNetBuffer::getCapacity()) {
         throw kyNetError("Received invalid size of compressed data. "
                          "Possibly stream is out of sync.");
     }

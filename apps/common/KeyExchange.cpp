@@ -1,8 +1,12 @@
 #include <apps/common/KeyExchange.h>
 
 #include <array>
+#include <cstdint>
 #include <cstring>
+#include <exception>
 #include <string_view>
+#include <tuple>
+#include <vector>
 
 #include <sodium.h>
 
@@ -27,7 +31,7 @@ struct Offer
 };
 static_assert(sizeof(Offer) == sizeof(s_marker) + SharedKey::s_size);
 
-/// What the hash is for: none of them is ever of use in another one's place.
+/// What a hash is for: none of them is ever of use in another one's place.
 constexpr std::string_view s_serverProof = "talo key 1: server's proof";
 constexpr std::string_view s_clientProof = "talo key 1: client's proof";
 constexpr std::string_view s_toServer = "talo key 1: from client to server";
@@ -55,24 +59,17 @@ public:
 
     Bytes derive(std::string_view purpose) const
     {
-        static_assert(SharedKey::s_size >= crypto_generichash_KEYBYTES_MIN &&
-                      SharedKey::s_size <= crypto_generichash_KEYBYTES_MAX);
-        crypto_generichash_state state;
-        const Bytes& key = m_key.getBytes();
-        crypto_generichash_init(&state, key.data(), key.size(), SharedKey::s_size);
-        crypto_generichash_update(&state, reinterpret_cast<const unsigned char*>(purpose.data()),
-                                  purpose.size());
-        crypto_generichash_update(&state, m_client.data(), m_client.size());
-        crypto_generichash_update(&state, m_server.data(), m_server.size());
+        const std::vector<std::uint8_t> message = bindTo(purpose);
         Bytes result{};
-        crypto_generichash_final(&state, result.data(), result.size());
-        sodium_memzero(&state, sizeof(state));
+        crypto_auth(result.data(), message.data(), message.size(), m_key.getBytes().data());
         return result;
     }
 
     bool isProof(std::string_view purpose, const Bytes& proof) const
     {
-        return sodium_memcmp(derive(purpose).data(), proof.data(), proof.size()) == 0;
+        const std::vector<std::uint8_t> message = bindTo(purpose);
+        return crypto_auth_verify(proof.data(), message.data(), message.size(),
+                                  m_key.getBytes().data()) == 0;
     }
 
     std::shared_ptr<LinkCipher> makeCipher(std::string_view send, std::string_view recv) const
@@ -86,19 +83,35 @@ public:
     }
 
 private:
+    static_assert(SharedKey::s_size == crypto_auth_KEYBYTES);
+    static_assert(std::tuple_size_v<Bytes> == crypto_auth_BYTES);
+
+    /// What is hashed: this exchange and no other, for this purpose and no other.
+    std::vector<std::uint8_t> bindTo(std::string_view purpose) const
+    {
+        std::vector<std::uint8_t> message(purpose.begin(), purpose.end());
+        message.insert(message.end(), m_client.begin(), m_client.end());
+        message.insert(message.end(), m_server.begin(), m_server.end());
+        return message;
+    }
+
     const SharedKey& m_key;
     Bytes m_client;
     Bytes m_server;
 };
 
-kyNetError strangerError()
-{
-    return kyNetError("The other side does not hold this key");
-}
+constexpr const char* s_stranger = "The other side does not hold this key";
 
-void sendFailure(kyNetStream& stream, const kyNetError& error)
+/// Ends the exchange; the other side is told why if it is still there.
+[[noreturn]] void refuse(kyNetStream& stream, const char* reason)
 {
-    stream.sendException(error).flush();
+    const kyNetError error(reason);
+    try {
+        stream.sendException(error).flush();
+    } catch (const std::exception&) {
+        // That it has gone is not what is wrong.
+    }
+    throw error;
 }
 
 /// Receives one buffer and takes it for the record; false if it has another size.
@@ -146,9 +159,7 @@ void KeyExchange::offer(const std::shared_ptr<kySocketLink>& link,
     stream.recvResult() >> server >> proof;
     const Session session(*key, offer.random, server);
     if (!session.isProof(s_serverProof, proof)) {
-        const kyNetError error = strangerError();
-        sendFailure(stream, error);
-        throw error;
+        refuse(stream, s_stranger);
     }
     stream << session.derive(s_clientProof);
     stream.flush();
@@ -159,19 +170,17 @@ void KeyExchange::answer(const std::shared_ptr<kySocketLink>& link,
                          const std::shared_ptr<const SharedKey>& key)
 {
     kyNetStream stream(link);
+    Offer offer;
     if (!key) {
         if (isOffered(*link)) {
-            const kyNetError error("A key was offered to a side that has none");
-            sendFailure(stream, error);
-            throw error;
+            // Left unread it would reset the connection, and the reason might not arrive.
+            recvRecord(*link, offer);
+            refuse(stream, "A key was offered to a side that has none");
         }
         return;
     }
-    Offer offer;
     if (!recvRecord(*link, offer) || offer.marker != s_marker) {
-        const kyNetError error("This connection needs a key, and none was offered");
-        sendFailure(stream, error);
-        throw error;
+        refuse(stream, "This connection needs a key, and none was offered");
     }
     const Bytes server = makeRandom();
     const Session session(*key, offer.random, server);
@@ -180,7 +189,7 @@ void KeyExchange::answer(const std::shared_ptr<kySocketLink>& link,
 
     Bytes proof{};
     if (!recvRecord(*link, proof) || !session.isProof(s_clientProof, proof)) {
-        throw strangerError();
+        throw kyNetError(s_stranger);
     }
     link->setCipher(session.makeCipher(s_toClient, s_toServer));
 }

@@ -18,9 +18,9 @@ class kySocketLink;
 ///     answer   success, server's random bytes, proof    or a failure
 ///     proof    client's proof                           or a failure
 ///
-/// A proof, and the key for each direction, is a keyed hash of both sides' random bytes and of the
-/// purpose. From then on the link has a LinkCipher, until kyNetLink::setCipher takes it away;
-/// a connection that is handed over starts afresh.
+/// A proof, and the key for each direction, is a keyed hash (crypto_auth of libsodium) of the
+/// purpose and of both sides' random bytes. From then on the link has a LinkCipher, until
+/// kyNetLink::setCipher takes it away; a connection that is handed over starts afresh.
 ///
 /// No key is an empty pointer. Both ends learn what is wrong, by the same text of kyNetError:
 ///
@@ -40,7 +40,7 @@ public:
                       const std::shared_ptr<const SharedKey>& key);
 
     /// The server's side. Without a key it only looks at the bytes that wait at the link (see
-    /// kySocketLink::pollReadable): an offer is turned down, anything else stays unread.
+    /// kySocketLink::pollReadable): an offer is taken and turned down, anything else stays unread.
     static void answer(const std::shared_ptr<kySocketLink>& link,
                        const std::shared_ptr<const SharedKey>& key);
 };

@@ -78,6 +78,9 @@ Answer AnswerMessage::getAnswer()
         throw kyNetError("Received an answer to order " +
                          std::to_string(static_cast<std::uint32_t>(answer.order)));
     }
+    if (answer.failure.size() > s_maxFailureText) {
+        answer.failure.resize(s_maxFailureText);
+    }
     if (answer.order == Order::RenderTile && answer.failure.empty()) {
         answer.pixels = getPixels(answer.tile);
     }

@@ -40,7 +40,8 @@ namespace render {
 /// a Hello that names it as the source, and passes the scene on to them. One that gets no whole
 /// scene in this way answers LoadScene with the failure, and gets it from the application instead.
 ///
-/// When any channel of a chain closes, the server ends.
+/// When any channel of a chain closes, the server ends. Stream data that is no scene it answers as
+/// Order::None, and then waits a few seconds for the application to close its channels.
 
 /// The ranks of a job: the application, then its servers.
 constexpr std::int32_t s_applicationRank = 1;
@@ -131,7 +132,7 @@ class AnswerMessage : public kyNetMessage
 public:
     kyNetMessageType getMessageType() override { return kyNetMessageType::ImageData; }
 
-    /// Writes the answer; a failure text of more than 4096 bytes is cut.
+    /// Writes the answer; a failure text of more than 4096 bytes is cut, here and in getAnswer.
     void putAnswer(const Answer& answer);
 
     /// Reads a received one. Throws kyNetError if it answers nothing that could be ordered, or has

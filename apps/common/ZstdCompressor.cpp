@@ -1,5 +1,6 @@
 #include <apps/common/ZstdCompressor.h>
 
+#include <cstring>
 #include <memory>
 #include <new>
 #include <string>
@@ -33,6 +34,19 @@ template <class Context> Context* getContext(Context* (*create)())
     return s_context.get();
 }
 
+/// Whether the data is one frame, of the present format and of that original size. The library
+/// takes several frames as well, gaps between them, and all formats that there have been.
+bool isFrame(const char* data, std::uint64_t size, std::uint64_t originalSize)
+{
+    std::uint32_t magic = 0;
+    if (size < sizeof(magic)) {
+        return false;
+    }
+    std::memcpy(&magic, data, sizeof(magic));
+    return magic == ZSTD_MAGICNUMBER && ZSTD_getFrameContentSize(data, size) == originalSize &&
+           ZSTD_findFrameCompressedSize(data, size) == size;
+}
+
 } // namespace
 
 std::uint64_t ZstdCompressor::shorten(char* out, std::uint64_t room, const char* in,
@@ -53,5 +67,6 @@ bool ZstdCompressor::restore(char* out, std::uint64_t expected, const char* in,
                              std::uint64_t size) const
 {
     // An error is a number beyond every size.
-    return ZSTD_decompressDCtx(getContext(&ZSTD_createDCtx), out, expected, in, size) == expected;
+    return isFrame(in, size, expected) &&
+           ZSTD_decompressDCtx(getContext(&ZSTD_createDCtx), out, expected, in, size) == expected;
 }

@@ -5,8 +5,8 @@
 /// Compresses buffers with Zstandard: shorter than LZ4 makes them, at several times the effort, for
 /// slow networks.
 ///
-/// Each thread that uses any such object keeps the memory of the method, up to some hundred KiB,
-/// until it ends.
+/// Each thread that uses any such object keeps the memory of the method, about 1 MiB, until it
+/// ends.
 class ZstdCompressor final : public BlockCompressor
 {
 public:

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <tests/apps/kyTestFolder.h>
 #include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
+#include <tests/support/kyTestMessage.h>
 
 using namespace render;
 

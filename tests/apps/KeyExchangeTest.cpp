@@ -36,7 +36,7 @@ using Marker = std::array<char, 8>;
 using Bytes = SharedKey::Bytes;
 
 constexpr Marker s_marker{'t', 'a', 'l', 'o', 'K', 'e', 'y', '1'};
-constexpr const char* s_success = "nothing was thrown";
+constexpr const char* s_success = "";
 constexpr const char* s_stranger = "The other side does not hold this key";
 constexpr const char* s_keyNeeded = "This connection needs a key, and none was offered";
 constexpr const char* s_noKeyHere = "A key was offered to a side that has none";
@@ -147,10 +147,10 @@ std::string hashOf(const std::string& text, const std::string& client, const std
 {
     const std::string input = text + client + server;
     const Key key = makeKey(1);
-    std::string hash(SharedKey::s_size, '\0');
-    crypto_generichash(reinterpret_cast<unsigned char*>(hash.data()), hash.size(),
-                       reinterpret_cast<const unsigned char*>(input.data()), input.size(),
-                       key->getBytes().data(), key->getBytes().size());
+    std::string hash(crypto_auth_BYTES, '\0');
+    crypto_auth(reinterpret_cast<unsigned char*>(hash.data()),
+                reinterpret_cast<const unsigned char*>(input.data()), input.size(),
+                key->getBytes().data());
     return hash;
 }
 
@@ -165,6 +165,25 @@ std::string keyStreamOf(const std::string& key)
                            reinterpret_cast<const unsigned char*>(key.data()));
     return stream.substr(16);
 }
+
+/// An end over which only so many buffers get through; then the other one is gone.
+class LeftLink : public kySocketLink
+{
+public:
+    LeftLink(kySocketHandle handle, int sends) : kySocketLink(handle), m_sends(sends) {}
+
+    using kySocketLink::send;
+    void send(const Buffer& buffer) override
+    {
+        if (m_sends-- == 0) {
+            throw kyConnectionClosed();
+        }
+        kySocketLink::send(buffer);
+    }
+
+private:
+    int m_sends;
+};
 
 /// What a client that was made by hand hears first, having sent its offer.
 std::pair<Bytes, Bytes> getChallenge(const Link& link)
@@ -301,6 +320,17 @@ TEST(KeyExchange, serverWithoutKeyTurnsAnOfferDown)
     auto offered = offer(ends.client, makeKey(1));
     EXPECT_EQ(answer(ends.server, nullptr), s_noKeyHere);
     EXPECT_EQ(offered.get(), s_noKeyHere);
+}
+
+TEST(KeyExchange, offerThatIsTurnedDownIsTakenFromTheLink)
+{
+    // What nobody has read when a connection is closed resets it, and may cost the reason.
+    Ends ends;
+    auto offered = offer(ends.client, makeKey(1));
+    EXPECT_EQ(answer(ends.server, nullptr), s_noKeyHere);
+    EXPECT_EQ(offered.get(), s_noKeyHere);
+    char unread = 0;
+    EXPECT_EQ(ends.server->peekAvailable(&unread, sizeof(unread)), 0U);
 }
 
 TEST(KeyExchange, withoutKeysNothingIsSentOrRead)
@@ -488,6 +518,26 @@ TEST(KeyExchange, serverThatLeavesIsClosed)
     ends.server->recv(hello);
     ends.server->shutdown();
     EXPECT_EQ(offered.get(), "Connection closed");
+}
+
+TEST(KeyExchange, reasonIsKnownHereAlsoWhenTheOtherSideHasLeft)
+{
+    const Buffer noOffer = makeBuffer("request");
+    const Buffer hello = Recording(makeKey(1)).hello;
+    const auto answerToGone = [](const Buffer& word, const Key& key) {
+        const auto [near, far] = kyTest::makeConnection();
+        kySocketLink(near).send(word);
+        return answer(std::make_shared<LeftLink>(far, 0), key);
+    };
+    EXPECT_EQ(answerToGone(noOffer, makeKey(1)), s_keyNeeded);
+    EXPECT_EQ(answerToGone(hello, nullptr), s_noKeyHere);
+
+    const auto [near, far] = kyTest::makeConnection();
+    const auto server = std::make_shared<kySocketLink>(far);
+    kyNetStream stream(server);
+    stream.sendSuccess() << Bytes{} << Bytes{};
+    stream.flush();
+    EXPECT_EQ(offer(std::make_shared<LeftLink>(near, 1), makeKey(1)).get(), s_stranger);
 }
 
 TEST(KeyExchange, silentSidesAreWaitedForAsTheLinkSays)

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <zstd.h>
 
 #include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetError.h>
@@ -94,6 +95,28 @@ void expectHarmless(kyNetCompressorBase& compressor, const Buffer& buffer)
     } catch (const kyNetError& e) {
         EXPECT_STRNE(e.what(), "");
     }
+}
+
+/// What becomes of data that arrives with that original size.
+template <class Compressor>
+std::string failureOf(const std::string& data, std::uint64_t originalSize)
+{
+    const Buffer buffer = makeBuffer(data);
+    buffer->setCompression(Compressor::s_method, originalSize);
+    return messageOf([&] { Compressor().decompress(makeExact(*buffer)); });
+}
+
+/// Data as a Zstandard frame, with one parameter set if need be.
+std::string makeFrame(const std::string& data, ZSTD_cParameter parameter = ZSTD_c_contentSizeFlag,
+                      int value = 1)
+{
+    const std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context(ZSTD_createCCtx(),
+                                                                       &ZSTD_freeCCtx);
+    ZSTD_CCtx_setParameter(context.get(), parameter, value);
+    std::string frame(ZSTD_compressBound(data.size()), '\0');
+    frame.resize(
+        ZSTD_compress2(context.get(), frame.data(), frame.size(), data.data(), data.size()));
+    return frame;
 }
 
 constexpr const char* s_invalidData =
@@ -200,11 +223,23 @@ TYPED_TEST(BlockCompressorTest, otherMethodIsRefused)
 TYPED_TEST(BlockCompressorTest, originalSizeThatIsNotTheRealOneIsRefused)
 {
     const Buffer compressed = this->m_compressor.compress(makeBuffer(makeText(10000)));
-    for (const std::uint64_t claimed : {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{9999},
+    for (const std::uint64_t claimed : {compressed->getDataSize() + 1, std::uint64_t{9999},
                                         std::uint64_t{10001}, std::uint64_t{s_capacity}}) {
         const Buffer lying = makeExact(*compressed);
         lying->setCompression(TypeParam::s_method, claimed);
         EXPECT_EQ(messageOf([&] { this->m_compressor.decompress(lying); }), s_invalidData)
+            << claimed;
+    }
+}
+
+TYPED_TEST(BlockCompressorTest, dataThatWouldGetNoLongerIsRefusedUnread)
+{
+    const Buffer compressed = this->m_compressor.compress(makeBuffer(makeText(10000)));
+    for (const std::uint64_t claimed :
+         {std::uint64_t{0}, std::uint64_t{1}, compressed->getDataSize()}) {
+        const Buffer lying = makeExact(*compressed);
+        lying->setCompression(TypeParam::s_method, claimed);
+        EXPECT_EQ(messageOf([&] { this->m_compressor.decompress(lying); }), s_invalidSize)
             << claimed;
     }
 }
@@ -297,6 +332,59 @@ TYPED_TEST(BlockCompressorTest, localImagesAreCompressedAsThoseThatLeave)
     EXPECT_TRUE(this->m_compressor.shouldCompressLocal(image));
     kyNetOptions::setImageCompression(kyNetCompression::None);
     EXPECT_FALSE(this->m_compressor.shouldCompressLocal(image));
+}
+
+// --- What would be sound, and is never made ---
+
+TEST(Lz4Compressor, emptyDataIsRefused)
+{
+    // As an empty buffer it would be the end of something in a chain.
+    EXPECT_EQ(failureOf<Lz4Compressor>(std::string(1, '\0'), 0), s_invalidSize);
+}
+
+TEST(ZstdCompressor, emptyDataIsRefused)
+{
+    EXPECT_EQ(failureOf<ZstdCompressor>(makeFrame(""), 0), s_invalidSize);
+    EXPECT_EQ(failureOf<ZstdCompressor>("", 0), s_invalidSize);
+}
+
+TEST(ZstdCompressor, anythingBesideTheFrameIsRefused)
+{
+    const std::string text = makeText(10000);
+    const std::string frame = makeFrame(text);
+    const std::string skipped("\x50\x2a\x4d\x18\3\0\0\0abc", 11);
+    EXPECT_EQ(failureOf<ZstdCompressor>(frame, text.size()), "");
+    EXPECT_EQ(failureOf<ZstdCompressor>(skipped + frame, text.size()), s_invalidData);
+    EXPECT_EQ(failureOf<ZstdCompressor>(frame + skipped, text.size()), s_invalidData);
+    EXPECT_EQ(failureOf<ZstdCompressor>(frame + makeFrame(""), text.size()), s_invalidData);
+    EXPECT_EQ(failureOf<ZstdCompressor>(makeFrame("") + frame, text.size()), s_invalidData);
+    EXPECT_EQ(failureOf<ZstdCompressor>(frame + frame, 2 * text.size()), s_invalidData);
+    EXPECT_EQ(failureOf<ZstdCompressor>(frame + std::string(1, '\0'), text.size()), s_invalidData);
+}
+
+TEST(ZstdCompressor, frameThatDoesNotTellItsSizeIsRefused)
+{
+    const std::string text = makeText(10000);
+    EXPECT_EQ(failureOf<ZstdCompressor>(makeFrame(text, ZSTD_c_contentSizeFlag, 0), text.size()),
+              s_invalidData);
+}
+
+TEST(ZstdCompressor, frameThatNeedsADictionaryIsRefused)
+{
+    const std::string text = makeText(10000);
+    std::string frame = makeFrame(text);
+    // Descriptor: two bytes of size, here followed by a dictionary's id of one byte.
+    frame[4] = static_cast<char>(frame[4] | 1);
+    frame.insert((frame[4] & 0x20) != 0 ? 5 : 6, 1, '\7');
+    ASSERT_EQ(ZSTD_getDictID_fromFrame(frame.data(), frame.size()), 7U);
+    EXPECT_EQ(failureOf<ZstdCompressor>(frame, text.size()), s_invalidData);
+}
+
+TEST(ZstdCompressor, frameOfAnOldFormatIsRefused)
+{
+    // The last one before the present one: 10000 times the same byte, then the end.
+    const std::string frame("\x27\xb5\x2f\xfd\xa0\x10\x27\0\0\x80\x27\x10x\xc0\0\0", 16);
+    EXPECT_EQ(failureOf<ZstdCompressor>(frame, 10000), s_invalidData);
 }
 
 // --- All methods ---

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <tests/apps/kyTestFolder.h>
+#include <tests/support/kyTestMessage.h>
 
 using namespace render;
 

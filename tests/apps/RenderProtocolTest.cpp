@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <NetBase/buffers/kyNetBuffer.h>
-#include <tests/apps/kyTestFolder.h>
 #include <tests/apps/kyTestSerializer.h>
+#include <tests/support/kyTestMessage.h>
 
 using namespace render;
 
@@ -178,6 +178,16 @@ TEST(RenderProtocol, aFailureTextOfMoreThan4096BytesIsCut)
     for (const std::size_t size : {4095U, 4096U, 4097U, 1'000'000U}) {
         answer.failure = std::string(size, 'x');
         EXPECT_EQ(transfer(answer).failure.size(), std::min<std::size_t>(size, 4096));
+    }
+}
+
+TEST(RenderProtocol, aFailureTextThatTheOtherSideHasNotCutIsCut)
+{
+    for (const std::size_t size : {4096U, 4097U, 100'000U}) {
+        AnswerMessage message;
+        message << Order::LoadScene << std::int32_t{0} << Tile{} << std::string(size, 'x') << 0.0
+                << std::uint64_t{0} << std::uint64_t{0};
+        EXPECT_EQ(transfer(message).getAnswer().failure, std::string(4096, 'x'));
     }
 }
 

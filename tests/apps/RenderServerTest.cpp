@@ -1,6 +1,7 @@
 #include <apps/TALOClusterServer/RenderServer.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <set>
@@ -62,11 +63,13 @@ std::string refusalOf(TestServer& server, const Hello& hello)
     return answer;
 }
 
-/// The last answer of a server that ends.
-Answer recvLastAnswer(TestApplication& application)
+/// The last answer of a server, upon which the application hangs up and the server ends.
+Answer recvLastAnswer(TestServer& server, TestApplication& application)
 {
     const Answer answer = application.recvAnswer();
-    EXPECT_EQ(kyTest::messageOf([&] { application.recvAnswer(); }), "Connection closed");
+    EXPECT_EQ(answer.order, Order::None);
+    application.stream.shutdown();
+    EXPECT_TRUE(server.hasEnded());
     return answer;
 }
 
@@ -271,10 +274,7 @@ TEST_F(RenderServerTest, streamDataThatIsNoSceneEndsTheServerAfterAnAnswer)
     application.setUp();
     application.stream << std::uint32_t{77};
     application.stream.flush();
-    const Answer answer = recvLastAnswer(application);
-    EXPECT_EQ(answer.order, Order::None);
-    EXPECT_EQ(answer.failure, "Unknown order 77");
-    EXPECT_TRUE(server.hasEnded());
+    EXPECT_EQ(recvLastAnswer(server, application).failure, "Unknown order 77");
 }
 
 TEST_F(RenderServerTest, aSceneThatClaimsTooMuchEndsTheServerAfterAnAnswer)
@@ -285,10 +285,9 @@ TEST_F(RenderServerTest, aSceneThatClaimsTooMuchEndsTheServerAfterAnAnswer)
     application.stream << Order::LoadScene;
     application.stream.putValueSize(~std::uint64_t{0});
     application.stream.flush();
-    EXPECT_EQ(recvLastAnswer(application).failure,
+    EXPECT_EQ(recvLastAnswer(server, application).failure,
               "Received an invalid scene: 18446744073709551615 materials, at most 4096 are "
               "accepted");
-    EXPECT_TRUE(server.hasEnded());
 }
 
 TEST_F(RenderServerTest, aBufferOfAnotherKindEndsTheServerAfterAnAnswer)
@@ -299,8 +298,7 @@ TEST_F(RenderServerTest, aBufferOfAnotherKindEndsTheServerAfterAnAnswer)
     AnswerMessage message;
     message.putAnswer({});
     application.stream.sendMessage(message, 2, kyNetBufferSendMode::Automatic);
-    EXPECT_EQ(recvLastAnswer(application).failure, "Received a buffer that is no order");
-    EXPECT_TRUE(server.hasEnded());
+    EXPECT_EQ(recvLastAnswer(server, application).failure, "Received a buffer that is no order");
 }
 
 TEST_F(RenderServerTest, anEmptyBufferOfStreamDataSaysNothing)
@@ -332,8 +330,20 @@ TEST_F(RenderServerTest, whoOrdersWithoutEndIsCutOff)
     for (std::size_t i = 0; i < OrderBook::s_limit + 2; ++i) {
         application.order(Order::RenderTile, 1, s_endlessTile);
     }
-    EXPECT_EQ(recvLastAnswer(application).failure, "More than 1024 orders wait");
+    EXPECT_EQ(recvLastAnswer(server, application).failure, "More than 1024 orders wait");
+}
+
+TEST_F(RenderServerTest, hangsUpItselfIfTheApplicationDoesNotAfterTheLastAnswer)
+{
+    TestServer server;
+    TestApplication application(server);
+    application.setUp();
+    application.stream << std::uint32_t{77};
+    application.stream.flush();
+    EXPECT_EQ(application.recvAnswer().failure, "Unknown order 77");
+    EXPECT_FALSE(server.hasEnded(std::chrono::seconds(2)));
     EXPECT_TRUE(server.hasEnded());
+    EXPECT_EQ(kyTest::messageOf([&] { application.recvAnswer(); }), "Connection closed");
 }
 
 TEST_F(RenderServerTest, reportsWhatItHasSent)
@@ -635,8 +645,12 @@ TEST_F(RenderServerTest, endsWhenNobodyHasBeenConnectedForTenSeconds)
 TEST_F(RenderServerTest, aConnectionThatSaysNothingKeepsItAlive)
 {
     TestServer server;
-    const Channel silent(server);
+    Channel silent(server);
     EXPECT_FALSE(server.hasEnded(std::chrono::seconds(12)));
+    // Until it has been silent for half a minute.
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(silent.isClosed());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
 }
 
 TEST_F(RenderServerTest, anApplicationThatOrdersNothingKeepsItAlive)

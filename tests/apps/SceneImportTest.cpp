@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <tests/apps/kyTestFolder.h>
+#include <tests/support/kyTestMessage.h>
 
 using namespace render;
 

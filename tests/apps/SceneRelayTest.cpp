@@ -1,6 +1,7 @@
 #include <apps/TALOClusterServer/SceneRelay.h>
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -332,6 +333,19 @@ TEST_F(SceneRelayTest, anotherSourceThanTheAnnouncedOneIsNotListenedTo)
     second.setUp(2, {});
     EXPECT_EQ(second.recvSceneAnswer(), "The scene was not relayed: Rank 5 relays instead of 2");
     second.application.loadScene(kyTest::makeScene());
+}
+
+TEST_F(SceneRelayTest, aServerThatNobodyRelaysToAsksItsApplicationSoon)
+{
+    Node node;
+    Member second(node, 3);
+    second.setUp(2, {});
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(second.recvSceneAnswer(),
+              "The scene was not relayed: Only 0 of 2 image channels were opened");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
+    second.application.loadScene(kyTest::makeScene());
+    EXPECT_EQ(second.render(), renderHere(kyTest::makeScene()));
 }
 
 TEST_F(SceneRelayTest, aServerEndsWhileItWaitsForASource)

@@ -7,9 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <NetBase/buffers/kyConnectionClosed.h>
-#include <tests/apps/kyTestFolder.h>
 #include <tests/apps/kyTestScene.h>
 #include <tests/apps/kyTestSerializer.h>
+#include <tests/support/kyTestMessage.h>
 
 using namespace render;
 

@@ -5,7 +5,7 @@
 #include <QByteArray>
 #include <QtGlobal>
 
-#include <tests/apps/kyTestFolder.h>
+#include <tests/support/kyTestMessage.h>
 
 using render::ServerArguments;
 

@@ -9,6 +9,7 @@
 
 #include <tests/apps/kyTestFolder.h>
 #include <tests/apps/kyTestKey.h>
+#include <tests/support/kyTestMessage.h>
 
 namespace {
 

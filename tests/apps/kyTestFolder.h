@@ -67,15 +67,4 @@ inline std::string readFile(const std::string& path)
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-/// What an action throws, in words; "" if it does not.
-template <class Action> std::string messageOf(Action action)
-{
-    try {
-        action();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
-
 } // namespace kyTest

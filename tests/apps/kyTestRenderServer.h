@@ -23,7 +23,7 @@
 #include <apps/common/RenderChannels.h>
 #include <apps/common/RenderProtocol.h>
 #include <apps/common/SceneWire.h>
-#include <tests/apps/kyTestFolder.h>
+#include <tests/support/kyTestMessage.h>
 #include <tests/support/kyTestSocket.h>
 #include <tests/support/kyTestWait.h>
 

@@ -53,6 +53,9 @@ using namespace std::chrono_literals;
 
 constexpr const char* s_closed = "Connection closed";
 
+/// How many seconds letting go of a chain may take.
+constexpr double s_soon = s_isSlow ? 30.0 : 1.0;
+
 /// Rank 1 sends to rank 2 over a full chain. The first connection carries the answers.
 struct Conversation
 {
@@ -463,8 +466,8 @@ TEST_P(kyFullChainCut, nextSendAndWaitThrow)
     EXPECT_THROW(stream->waitAllDataTransfered(), kyConnectionClosed);
     EXPECT_THROW(sendNumbered(*stream, 0), kyConnectionClosed);
 
-    EXPECT_LT(secondsOf([&] { stream.reset(); }), 1.0);
-    EXPECT_LT(secondsOf([&] { channels.near.clear(); }), 1.0);
+    EXPECT_LT(secondsOf([&] { stream.reset(); }), s_soon);
+    EXPECT_LT(secondsOf([&] { channels.near.clear(); }), s_soon);
     for (auto& peer : peers) {
         EXPECT_EQ(peer.get(), s_closed);
     }
@@ -487,8 +490,8 @@ TEST_P(kyFullChainCut, blockedSendThrows)
 
     // Nobody reads the others: their threads wait in the system until they are shut down, and
     // each of them then lingers for a second, side by side.
-    EXPECT_LT(secondsOf([&] { stream->shutdown(); }), 1.0);
-    EXPECT_LT(secondsOf([&] { stream.reset(); }), 1.9);
+    EXPECT_LT(secondsOf([&] { stream->shutdown(); }), s_soon);
+    EXPECT_LT(secondsOf([&] { stream.reset(); }), 2 * s_soon);
 }
 
 TEST(kyFullChain, receiverDeliversAllThatWasSentAndThenThrows)
@@ -523,7 +526,7 @@ TEST(kyFullChain, receiverDeliversAllThatWasSentAndThenThrows)
         Buffer buffer;
         EXPECT_EQ(messageOf([&] { receiver->recv(buffer); }), s_closed);
     }
-    EXPECT_LT(secondsOf([&] { receiver.reset(); }), 1.0);
+    EXPECT_LT(secondsOf([&] { receiver.reset(); }), s_soon);
 }
 
 TEST(kyFullChain, receiverDeliversWhatWasCompleteAndThenThrows)
@@ -554,7 +557,7 @@ TEST(kyFullChain, receiverDeliversWhatWasCompleteAndThenThrows)
     peer.send(bytes.substr(0, bytes.size() - 1));
     peer.reset();
     EXPECT_THROW(receiving.finish(), kyConnectionClosed);
-    EXPECT_LT(secondsOf([&] { receiver.reset(); }), 1.0);
+    EXPECT_LT(secondsOf([&] { receiver.reset(); }), s_soon);
 }
 
 TEST(kyFullChain, ownShutdownWakesTheReceiver)
@@ -577,9 +580,9 @@ TEST(kyFullChain, destructionInMidStreamHangsNobody)
         for (std::uint32_t number = 0; number < 1000; ++number) {
             conversation->second.getReceiver()->recv(buffer);
         }
-        EXPECT_LT(secondsOf([&] { conversation->second.setReceiver(nullptr); }), 1.0);
+        EXPECT_LT(secondsOf([&] { conversation->second.setReceiver(nullptr); }), s_soon);
         EXPECT_EQ(sending.get(), s_closed);
-        EXPECT_LT(secondsOf([&] { conversation.reset(); }), 1.0);
+        EXPECT_LT(secondsOf([&] { conversation.reset(); }), s_soon);
     }
 }
 
@@ -656,7 +659,7 @@ TEST(kyFullChain, killedReceiverIsNoticedByTheSender)
     peer.kill();
     EXPECT_EQ(sending.get(), s_closed);
     EXPECT_THROW(stream->waitAllDataTransfered(), kyConnectionClosed);
-    EXPECT_LT(secondsOf([&] { stream.reset(); }), 1.0);
+    EXPECT_LT(secondsOf([&] { stream.reset(); }), s_soon);
 }
 
 TEST(kyFullChain, killedSenderIsNoticedByTheReceiver)
@@ -670,5 +673,5 @@ TEST(kyFullChain, killedSenderIsNoticedByTheReceiver)
     ASSERT_EQ(receiveMulticasts(stream, s_count), s_count);
     peer.kill();
     EXPECT_EQ(receiveUntilFailure(*stream.getReceiver(), s_count), s_closed);
-    EXPECT_LT(secondsOf([&] { stream.setReceiver(nullptr); }), 1.0);
+    EXPECT_LT(secondsOf([&] { stream.setReceiver(nullptr); }), s_soon);
 }

@@ -1,118 +1,209 @@
 // A render server that breaks its promises, in the way that KY_TEST_LIE names. It begins well: it
-// takes its connections from the service's pipe and answers every Hello.
+// takes its connections from the service's pipe, answers every Hello and makes its chains.
 
 #include <cstdlib>
 #include <list>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <NetBase/buffers/kyNetBuffer.h>
+#include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/links/kySocketLink.h>
 #include <NetBase/links/kySocketPipe.h>
 #include <NetBase/serialization/kyNetStream.h>
+#include <apps/TALOClusterServer/ChannelLobby.h>
+#include <apps/TALOClusterServer/FrameGate.h>
+#include <apps/TALOClusterServer/OrderBook.h>
 #include <apps/TALOClusterServer/ServerArguments.h>
+#include <apps/common/MethodCompressor.h>
 #include <apps/common/RenderProtocol.h>
-#include <apps/common/SceneWire.h>
 
 using namespace render;
 
 namespace {
 
 const std::string s_lie = std::getenv("KY_TEST_LIE");
-std::shared_ptr<kySocketLink> s_imageLink;
+ChannelLobby s_lobby;
+FrameGate s_gate;
 
-void answer(kyNetStream& stream)
+void answerSuccess(kyNetStream& stream)
 {
-    stream.sendSuccess() << 0.5;
-    stream.flush();
+    stream.sendSuccess().flush();
 }
 
-void sendTile(Tile tile)
+void send(kyNetStream& stream, const Answer& answer)
 {
-    std::vector<Vector> pixels(tile.pixelCount());
-    if (s_lie == "other tile") {
-        ++tile.x;
-    } else if (s_lie == "short tile") {
-        pixels.pop_back();
+    AnswerMessage message;
+    message.putAnswer(answer);
+    stream.sendMessage(message, s_applicationRank, kyNetBufferSendMode::Automatic);
+}
+
+/// Whether the server says nothing at this step; it may also end here.
+bool isSilentAt(const std::string& step)
+{
+    if (s_lie == "dead " + step) {
+        std::_Exit(1);
     }
-    TileMessage message;
-    message.putTile(tile, pixels);
-    kyNetStream(s_imageLink).sendMessage(message, 1, kyNetBufferSendMode::Automatic);
+    return s_lie == "silent " + step;
 }
 
-void serveOrders(kyNetStream& stream, kySocketLink& link)
+void answerScene(kyNetStream& stream)
 {
+    Answer answer;
+    answer.order = Order::LoadScene;
+    if (isSilentAt("scene")) {
+        return;
+    }
+    if (s_lie == "exception") {
+        answer.failure = "no memory\x1b[2J for the scene";
+    }
+    send(stream, answer);
+}
+
+/// Keeps the first tile of all back until one of the next frame is ordered.
+void answerLate(kyNetStream& stream, const Answer& answer)
+{
+    static bool s_hasBegun = false;
+    static std::optional<Answer> s_keptBack;
+    if (!std::exchange(s_hasBegun, true)) {
+        s_keptBack = answer;
+        return;
+    }
+    if (s_keptBack && s_keptBack->frame < answer.frame) {
+        send(stream, *std::exchange(s_keptBack, std::nullopt));
+    }
+    send(stream, answer);
+}
+
+void answerTile(kyNetStream& stream, kySocketLink& first, Answer answer)
+{
+    answer.order = Order::RenderTile;
+    answer.pixels.resize(answer.tile.pixelCount());
+    if (isSilentAt("tile")) {
+        return;
+    }
+    if (s_lie == "late tile") {
+        answerLate(stream, answer);
+        return;
+    }
+    if (s_lie == "huge buffer") {
+        first.send("\xFF\xFF\xFF\xFF 16 bytes more..", 20);
+        return;
+    }
+    if (s_lie == "stream data") {
+        stream << 1;
+        stream.flush();
+        return;
+    }
+    if (s_lie == "other tile") {
+        ++answer.tile.x;
+    } else if (s_lie == "other frame") {
+        ++answer.frame;
+    } else if (s_lie == "other order") {
+        answer.order = Order::LoadScene;
+        answer.pixels.clear();
+    } else if (s_lie == "short tile") {
+        answer.pixels.pop_back();
+    } else if (s_lie == "long tile") {
+        answer.pixels.emplace_back();
+    } else if (s_lie == "tile twice") {
+        send(stream, answer);
+    }
+    send(stream, answer);
+}
+
+void answerMessage(kyNetStream& stream, kySocketLink& first, kyNetMessage& message)
+{
+    auto order = Order();
+    message >> order;
+    Answer answer;
+    if (order == Order::BeginFrame && !isSilentAt("begin")) {
+        message >> answer.frame;
+        s_gate.reach(answer.frame);
+    } else if (order == Order::RenderTile) {
+        message >> answer.frame >> answer.tile;
+        answerTile(stream, first, answer);
+    } else if (order == Order::ReportTraffic && !isSilentAt("end")) {
+        answer.order = order;
+        send(stream, answer);
+    }
+}
+
+void serveOrders(const std::shared_ptr<kySocketLink>& first, kyNetStream& stream, std::int32_t rank)
+{
+    Setup setup;
+    stream >> setup;
+    if (s_lie == "refused setup") {
+        throw std::runtime_error("not in this way");
+    }
+    if (s_lie == "long refusal") {
+        throw std::runtime_error(std::string(1'000'000, 'x'));
+    }
+    const RenderChannels channels = s_lobby.waitForChannels(30.0);
+    answerSuccess(stream);
+    const auto compressor = std::make_shared<MethodCompressor>();
+    kyNetStream chain;
+    chain.setRank(rank);
+    chain.setSender(channels.makeSender(compressor, s_applicationRank,
+                                        kyNetOptions::getLowLatencyServerThreshold()));
+    chain.setReceiver(channels.makeReceiver(compressor));
+    OrderBook::recvScene(chain);
+    answerScene(chain);
     for (;;) {
-        auto order = Order();
-        stream >> order;
-        if (order == Order::LoadScene) {
-            getScene(stream);
-            if (s_lie == "exception") {
-                stream.sendException(std::runtime_error("no memory\x1b[2J for the scene"));
-                stream.flush();
-                continue;
-            }
-        } else if (order == Order::BeginFrame) {
-            std::int32_t number = 0;
-            Frame frame;
-            stream >> number >> frame;
-        } else {
-            Tile tile;
-            stream >> tile;
-            if (s_lie == "silence") {
-                continue;
-            }
-            if (s_lie == "huge buffer") {
-                link.send("\xFF\xFF\xFF\xFF 16 bytes more..", 20);
-                continue;
-            }
-            if (s_lie == "message") {
-                TileMessage message;
-                message << 1;
-                stream.sendMessage(message, 1, kyNetBufferSendMode::Automatic);
-                continue;
-            }
-            sendTile(tile);
-        }
-        answer(stream);
+        kyNetMessage message;
+        chain.recvMessage(message);
+        answerMessage(chain, *first, message);
     }
 }
 
 void serveSync(kyNetStream& stream)
 {
     for (;;) {
-        stream.sendSync(stream.waitSync() + (s_lie == "wrong sync" ? 1 : 0));
+        const std::int32_t frame = stream.waitSync();
+        s_gate.wait(frame);
+        if (isSilentAt("sync")) {
+            continue;
+        }
+        if (s_lie == "sync twice") {
+            stream.sendSync(frame);
+        }
+        stream.sendSync(frame + (s_lie == "wrong sync" ? 1 : 0));
+    }
+}
+
+void converse(const std::shared_ptr<kySocketLink>& link, kyNetStream& stream)
+{
+    Hello hello;
+    stream >> hello;
+    stream.setRank(hello.rank);
+    if (s_lie == "refusal") {
+        throw std::runtime_error("not today");
+    }
+    const bool isFirst = s_lobby.admit(hello);
+    answerSuccess(stream);
+    if (hello.type == kyNodeConnectionType::Sync) {
+        serveSync(stream);
+    }
+    s_lobby.keep(hello, link);
+    if (isFirst) {
+        serveOrders(link, stream, hello.rank);
     }
 }
 
 void serve(const std::shared_ptr<kySocketLink>& link)
 {
+    kyNetStream stream(link);
     try {
-        kyNetStream stream(link);
-        Hello hello;
-        stream >> hello;
-        stream.setRank(hello.rank);
-        if (s_lie == "refusal") {
-            stream.sendException(std::runtime_error("not today"));
-            stream.flush();
-            return;
-        }
-        if (hello.type == kyNodeConnectionType::Image) {
-            s_imageLink = link;
-        }
-        stream.sendSuccess();
-        stream.flush();
-        if (hello.type == kyNodeConnectionType::LowLatency) {
-            serveOrders(stream, *link);
-        } else if (hello.type == kyNodeConnectionType::Sync) {
-            serveSync(stream);
-        } else {
-            stream.recvAll();
-        }
-    } catch (const std::exception&) {
+        converse(link, stream);
+        return;
+    } catch (const kyNetError&) {
         // The application is gone.
+    } catch (const std::exception& e) {
+        stream.sendException(e).flush();
     }
     link->shutdown();
 }

@@ -1,6 +1,7 @@
 #include <NetBase/receivers/kyNetBufferedReceiver.h>
 
 #include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <type_traits>
@@ -14,6 +15,7 @@
 #include <tests/receivers/kyTestTap.h>
 #include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
+#include <tests/support/kyTestMemory.h>
 #include <tests/support/kyTestThreads.h>
 
 using kyTest::Blocked;
@@ -224,15 +226,20 @@ TEST(kyNetBufferedReceiver, whenAllHaveFailedNobodyWaits)
     EXPECT_TRUE(endsAtOnce(f.receiver));
 }
 
-TEST(kyNetBufferedReceiver, emptyBufferAfterAFailureCountsAsItsNews)
+TEST(kyNetBufferedReceiver, emptyBufferNeitherHidesNorRepeatsAFailure)
 {
     Fixture f(2);
+    f.taps[0]->give("");
+    f.taps[0]->give("a");
+    ASSERT_TRUE(f.taps[0]->hasDelivered(2));
     f.taps[0]->fail("broken");
+    EXPECT_EQ(f.recv(), "");
+    EXPECT_EQ(f.recv(), "a");
     EXPECT_EQ(f.failure(), "broken");
     f.taps[1]->give("");
-    f.taps[1]->give("a");
-    EXPECT_EQ(f.failure(), "broken");
-    EXPECT_EQ(f.recv(), "a");
+    f.taps[1]->give("b");
+    EXPECT_EQ(f.recv(), "");
+    EXPECT_EQ(f.recv(), "b");
 }
 
 TEST(kyNetBufferedReceiver, availableKeepsWhatCameBeforeAFailure)
@@ -296,6 +303,28 @@ TEST(kyNetBufferedReceiver, threadThatCannotBeStartedIsToldAndLeavesNothing)
     }
     EXPECT_TRUE(tap->isShutDown());
     EXPECT_EQ(tap.use_count(), 2);
+}
+
+TEST(kyNetBufferedReceiver, beginningThatFailsHalfWayEndsWhatIsRunning)
+{
+    for (int count = 0;; ++count) {
+        const std::vector<std::shared_ptr<Tap>> taps{
+            std::make_shared<Tap>(), std::make_shared<Tap>(), std::make_shared<Tap>()};
+        const Children children{taps.begin(), taps.end()};
+        std::shared_ptr<kyNetReceiver> receiver;
+        try {
+            const kyTest::NoMemoryAfter noMemory(count);
+            receiver = kyNetBufferedReceiver::create(children);
+        } catch (const std::bad_alloc&) {
+        }
+        if (receiver) {
+            EXPECT_GT(count, 9); // Several failed for each child.
+            break;
+        }
+        for (const auto& tap : taps) {
+            EXPECT_EQ(tap.use_count(), 2); // Ours and that among the children.
+        }
+    }
 }
 
 TEST(kyNetBufferedReceiver, stagesMayStandAboveEachOther)

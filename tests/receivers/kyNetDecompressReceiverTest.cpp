@@ -4,6 +4,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <type_traits>
@@ -22,6 +23,7 @@
 #include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
 #include <tests/support/kyTestCompression.h>
+#include <tests/support/kyTestMemory.h>
 #include <tests/support/kyTestThreads.h>
 
 using kyTest::Blocked;
@@ -328,6 +330,20 @@ TEST(kyNetDecompressReceiver, failureToDecompressCostsThatBufferOnly)
     EXPECT_TRUE(endsAtOnce(f.receiver));
 }
 
+TEST(kyNetDecompressReceiver, emptyBuffersDoNotRepeatAFailureToDecompress)
+{
+    Fixture f(1, refuseBad);
+    f.taps[0]->give(makeCompressed("bad"));
+    EXPECT_EQ(f.failure(), "not compressed by us");
+    f.taps[0]->give(""); // A multicast: a sort receiver above would wait for it for ever.
+    f.taps[0]->give(makeCompressed(""));
+    f.taps[0]->give(makeCompressed("z"));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(f.recv(), "");
+    }
+    EXPECT_FALSE(f.receiver->isReadable());
+}
+
 TEST(kyNetDecompressReceiver, failureToDecompressWakesTheReader)
 {
     Fixture f(1, refuseBad);
@@ -495,6 +511,33 @@ TEST(kyNetDecompressReceiver, threadThatCannotBeStartedIsToldAndLeavesNothing)
     EXPECT_EQ(compressor.use_count(), 1);
 }
 
+TEST(kyNetDecompressReceiver, beginningThatFailsHalfWayEndsWhatIsRunning)
+{
+    const auto compressor = std::make_shared<ZCompressor>();
+    for (int count = 0;; ++count) {
+        const std::vector<std::shared_ptr<Tap>> taps{std::make_shared<Tap>(),
+                                                     std::make_shared<Tap>()};
+        for (const auto& tap : taps) {
+            tap->give(makeCompressed("zx"));
+        }
+        const Children children{taps.begin(), taps.end()};
+        std::shared_ptr<kyNetReceiver> receiver;
+        try {
+            const kyTest::NoMemoryAfter noMemory(count);
+            receiver = kyNetDecompressReceiver::create(compressor, children);
+        } catch (const std::bad_alloc&) {
+        }
+        if (receiver) {
+            EXPECT_GT(count, 9); // Several failed for each child.
+            break;
+        }
+        for (const auto& tap : taps) {
+            EXPECT_EQ(tap.use_count(), 2); // Ours and that among the children.
+        }
+        EXPECT_EQ(compressor.use_count(), 1);
+    }
+}
+
 TEST(kyNetDecompressReceiver, restIsThatOfAnyReceiverOverItsChildren)
 {
     Fixture f(2);
@@ -516,6 +559,40 @@ TEST(kyNetDecompressReceiver, endWakesThreadsThatWaitInRealLinks)
     EXPECT_EQ(failureOf(*receiver), "Connection closed");
     EXPECT_TRUE(endsAtOnce(receiver));
     EXPECT_THROW(near->checkAlive(), kyConnectionClosed);
+}
+
+TEST(kyNetDecompressReceiver, endWithManyLinksWaitsForASlowCompressorOnly)
+{
+    constexpr int s_links = 8;
+    Gate gate;
+    std::atomic<int> inside{0};
+    const auto compressor = std::make_shared<ZCompressor>();
+    compressor->onDecompress = [&](const std::string&) {
+        ++inside;
+        gate.wait();
+    };
+    std::vector<std::shared_ptr<kySocketLink>> links;
+    std::vector<std::shared_ptr<kySocketLink>> peers;
+    Children children;
+    for (int i = 0; i < s_links; ++i) {
+        const auto [near, far] = kyTest::makeLinks();
+        links.push_back(near);
+        peers.push_back(far);
+        children.push_back(kyNetUnbundleReceiver::create(kyNetLinkReceiver::create(near)));
+    }
+    auto receiver = kyNetDecompressReceiver::create(compressor, children);
+    peers.front()->send(makeCompressed("zx"));
+    ASSERT_TRUE(waitUntil([&] { return inside == 1; }));
+
+    Blocked ending([&] { receiver.reset(); });
+    for (const auto& link : links) {
+        EXPECT_TRUE(waitUntil(
+            [&] { return messageOf([&] { link->checkAlive(); }) == "Connection closed"; }));
+    }
+    EXPECT_TRUE(ending.isBlocked());
+    gate.open();
+    ending.finish();
+    EXPECT_EQ(inside, 1);
 }
 
 TEST(kyNetDecompressReceiver, shutdownWakesABlockedReceive)

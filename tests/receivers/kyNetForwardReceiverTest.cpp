@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <NetBase/receivers/kyNetBufferedReceiver.h>
 #include <NetBase/receivers/kyNetLinkReceiver.h>
 #include <tests/receivers/kyTestTap.h>
 #include <tests/support/kyTestChains.h>
@@ -193,6 +194,44 @@ TEST(kyNetForwardReceiver, failureOfTheSenderLeavesWhatIsKept)
     f.give("e", 0);
     EXPECT_EQ(f.recv(), "e");
     EXPECT_EQ(f.relayed(), "e ");
+}
+
+TEST(kyNetForwardReceiver, failureOfTheSenderInTheMiddleLosesTheRestOnly)
+{
+    Fixture f;
+    f.give("a", 3);
+    f.give("b", 4);
+    f.give("c", 5);
+    f.give("mine", 2);
+    f.forward->onSend = [](kyNetBuffer& buffer) {
+        if (buffer.getDestination() == 4) {
+            throw kyNetError("no way to 4");
+        }
+    };
+    EXPECT_EQ(messageOf([&] { f.recv(); }), "no way to 4");
+    EXPECT_EQ(f.relayed(), "a ");
+    EXPECT_EQ(f.recv(), "mine");
+    EXPECT_EQ(f.source->passes, 1);
+}
+
+TEST(kyNetForwardReceiver, whatCameBeforeAFailureOfAThreadedSourceIsRelayedAndDelivered)
+{
+    const auto tap = std::make_shared<kyTest::Tap>();
+    const auto forward = std::make_shared<KeepingSender>();
+    const auto receiver = kyNetForwardReceiver::create(
+        kyNetBufferedReceiver::create({std::shared_ptr<kyNetReceiver>(tap)}), forward, 2);
+    tap->give(makeBuffer("all", 1, 0));
+    tap->give(makeBuffer("", 1, 0));
+    tap->give(makeBuffer("on", 1, 5));
+    tap->give(makeBuffer("mine", 1, 2));
+    ASSERT_TRUE(tap->hasDelivered(4));
+    tap->fail("broken");
+    EXPECT_EQ(recvFrom(*receiver), "all");
+    EXPECT_EQ(recvFrom(*receiver), "");
+    EXPECT_EQ(recvFrom(*receiver), "mine");
+    EXPECT_EQ(messageOf([&] { recvFrom(*receiver); }), "broken");
+    ASSERT_EQ(forward->sent.size(), 2u);
+    EXPECT_EQ(dataOf(*forward->sent[1]), "on");
 }
 
 TEST(kyNetForwardReceiver, failureOfTheSourcePassesThrough)

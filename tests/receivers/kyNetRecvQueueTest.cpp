@@ -10,6 +10,7 @@
 #include <tests/receivers/kyTestTap.h>
 #include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
+#include <tests/support/kyTestMemory.h>
 
 using kyTest::Blocked;
 using kyTest::Buffer;
@@ -25,7 +26,7 @@ struct Fixture
     void push(const std::string& data) { queue.push(makeBuffer(data)); }
     void fail(const std::string& text)
     {
-        EXPECT_FALSE(queue.attempt([&] { throw kyNetError(text); }));
+        EXPECT_FALSE(queue.getFailure().attempt([&] { throw kyNetError(text); }));
     }
     void endSource(const std::string& text)
     {
@@ -204,21 +205,72 @@ TEST(kyNetRecvQueue, availableEndsBeforeAFailure)
     EXPECT_EQ(f.recvAvailable(), "c ");
 }
 
-TEST(kyNetRecvQueue, emptyBufferIsDeliveredBeforeAFailureAndIsOneAfter)
+TEST(kyNetRecvQueue, emptyBuffersAreDeliveredLikeAllOthers)
 {
     Fixture f;
+    const auto other = f.queue.addSource();
     f.push("");
     EXPECT_EQ(f.recv(), "");
     f.push("");
     f.push("a");
     EXPECT_EQ(f.recvAvailable(), " a ");
-    f.fail("broken");
-    f.push("");
     f.push("b");
-    Buffer buffer = makeBuffer("old");
-    EXPECT_EQ(messageOf([&] { f.queue.recv(buffer); }), "broken");
-    EXPECT_EQ(buffer->getDataSize(), 0u);
+    f.push("");
+    f.push("c");
+    f.endSource("broken");
+    f.push("");
+    f.push("d");
     EXPECT_EQ(f.recv(), "b");
+    EXPECT_EQ(f.recv(), ""); // Does not tell the failure too early,
+    EXPECT_EQ(f.recv(), "c");
+    EXPECT_EQ(f.failure(), "broken");
+    EXPECT_EQ(f.recv(), ""); // nor a second time.
+    EXPECT_EQ(f.recv(), "d");
+}
+
+TEST(kyNetRecvQueue, availableLosesNothingByAFailureMeanwhile)
+{
+    constexpr int s_count = 2000;
+    const Buffer empty = makeBuffer("");
+    for (int round = 0; round < 100; ++round) {
+        Fixture f;
+        for (int i = 0; i < s_count; ++i) {
+            f.queue.push(empty);
+        }
+        auto failing = std::async(std::launch::async, [&] { f.endSource("broken"); });
+        std::queue<Buffer> all;
+        EXPECT_NO_THROW(f.queue.recvAvailable(all));
+        EXPECT_EQ(all.size(), static_cast<std::size_t>(s_count));
+        failing.get();
+        EXPECT_EQ(f.failure(), "broken");
+    }
+}
+
+TEST(kyNetRecvQueue, failureLeavesTheCallersBufferAsItIs)
+{
+    Fixture f;
+    f.endSource("broken");
+    const Buffer old = makeBuffer("old");
+    Buffer buffer = old;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(messageOf([&] { f.queue.recv(buffer); }), "broken");
+        EXPECT_EQ(buffer, old);
+    }
+}
+
+TEST(kyNetRecvQueue, failureIsToldWithoutMemory)
+{
+    Fixture f;
+    f.push("a");
+    EXPECT_EQ(f.recv(), "a");
+    f.fail("broken");
+    Blocked receiving([&] { f.recv(); });
+    EXPECT_TRUE(receiving.isBlocked());
+    {
+        const kyTest::NoMemoryAfter noMemory(0);
+        f.source.reset();
+    }
+    EXPECT_EQ(messageOf([&] { receiving.finish(); }), "broken");
 }
 
 TEST(kyNetRecvQueue, isReadableWhenRecvWouldNotWait)
@@ -290,7 +342,7 @@ TEST(kyNetRecvQueue, deliveryThatFailsEndsTheReading)
 TEST(kyNetRecvQueue, anythingThrownIsKept)
 {
     Fixture f;
-    EXPECT_FALSE(f.queue.attempt([] { throw 7; }));
+    EXPECT_FALSE(f.queue.getFailure().attempt([] { throw 7; }));
     f.source.reset();
     EXPECT_THROW(f.recv(), int);
 }

@@ -1,6 +1,7 @@
 #include <NetBase/receivers/kyNetSortReceiver.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <string>
@@ -48,6 +49,15 @@ struct Fixture
     std::shared_ptr<GivingReceiver> source = std::make_shared<GivingReceiver>();
     std::shared_ptr<kyNetReceiver> receiver = kyNetSortReceiver::create(source);
 };
+
+/// A multicast that takes no more memory than its header.
+Buffer makeSmall(int sequence)
+{
+    auto* header = static_cast<kyNetHeader*>(std::calloc(1, sizeof(kyNetHeader)));
+    Buffer buffer = std::make_shared<kyNetBuffer>(header, reinterpret_cast<char*>(header + 1));
+    buffer->setSequence(sequence);
+    return buffer;
+}
 
 } // namespace
 
@@ -159,6 +169,72 @@ TEST(kyNetSortReceiver, lateDuplicateIsHeldForTheNextRound)
     EXPECT_EQ(f.recv(), "1");
     EXPECT_TRUE(f.receiver->isReadable()); // Held, for ever or until the numbers come round.
     EXPECT_THROW(f.recv(), kyConnectionClosed);
+}
+
+TEST(kyNetSortReceiver, lateDuplicateIsTakenForTheNextRoundsBuffer)
+{
+    Fixture f;
+    f.passUntil(1);
+    f.give(0, "stale");
+    for (int i = 1; i <= 65535; ++i) {
+        f.give(i);
+        f.recv();
+    }
+    f.give(0, "zero");
+    f.give(1, "one");
+    EXPECT_EQ(f.recv(), "stale"); // Nothing tells it from the right one.
+    EXPECT_EQ(f.recv(), "one");
+    EXPECT_TRUE(f.source->given.empty());
+}
+
+TEST(kyNetSortReceiver, earlyBufferOfTheNextRoundReplacesALateDuplicate)
+{
+    Fixture f;
+    f.passUntil(1);
+    f.give(0, "stale");
+    f.give(0, "zero");
+    for (int i = 1; i <= 65535; ++i) {
+        f.give(i);
+        f.recv();
+    }
+    EXPECT_EQ(f.recv(), "zero");
+}
+
+TEST(kyNetSortReceiver, unicastsPassWhateverTheirNumberAndWhileOthersAreHeld)
+{
+    Fixture f;
+    f.give(5);
+    for (const int sequence : {0, 1, 5, 65535}) {
+        f.give(sequence, "unicast", 0xffffffff);
+        EXPECT_EQ(f.recv(), "unicast");
+    }
+    f.give(0);
+    EXPECT_EQ(f.recv(), "0");
+}
+
+TEST(kyNetSortReceiver, emptyMulticastsCount)
+{
+    Fixture f;
+    f.give(1);
+    f.give(0, "");
+    EXPECT_EQ(f.recv(), "");
+    EXPECT_EQ(f.recv(), "1");
+}
+
+TEST(kyNetSortReceiver, asManyAsThereAreNumbersInReverseOrder)
+{
+    Fixture f;
+    for (int i = 65535; i >= 0; --i) {
+        f.source->given.push(makeSmall(i));
+    }
+    for (int i = 0; i <= 65535; ++i) {
+        Buffer buffer;
+        f.receiver->recv(buffer);
+        ASSERT_EQ(buffer->getSequence(), i);
+    }
+    EXPECT_FALSE(f.receiver->isReadable());
+    f.give(0, "next round");
+    EXPECT_EQ(f.recv(), "next round");
 }
 
 TEST(kyNetSortReceiver, gapIsWaitedForThroughFailures)

@@ -1,6 +1,7 @@
 #include <NetBase/receivers/kyNetUnbundleReceiver.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <queue>
 #include <string>
@@ -153,6 +154,31 @@ TEST(kyNetUnbundleReceiver, nothingOfAnInvalidBundleIsDeliveredAndTheNextBufferI
         EXPECT_EQ(failureOf(*f.receiver), s_invalid);
         EXPECT_EQ(f.recv(), "next");
     }
+}
+
+TEST(kyNetUnbundleReceiver, everySizeOfAnEntryButTheRightOneIsRefused)
+{
+    constexpr std::uint32_t s_capacity = 131602;
+    Fixture f;
+    const std::vector<std::uint32_t> offsets{0, 21, 62}; // Of the entries' sizes.
+    for (const std::uint32_t size : {0u, 1u, 2u, 19u, 20u, 21u, 22u, 61u, 62u, 63u, s_capacity - 20,
+                                     s_capacity - 19, s_capacity, s_capacity + 1, 0x7fffffffu,
+                                     0x80000000u, 0xffffffebu, 0xffffffecu, 0xffffffffu}) {
+        for (const std::uint32_t offset : offsets) {
+            const Buffer bundle =
+                makeBundle(makeEntry("a") + makeEntry(std::string(21, 'b')) + makeEntry("cc"));
+            std::uint32_t right = 0;
+            std::memcpy(&right, bundle->getData() + offset, sizeof right);
+            if (size == right) {
+                continue;
+            }
+            std::memcpy(bundle->getData() + offset, &size, sizeof size);
+            f.source->given.push(bundle);
+            EXPECT_EQ(failureOf(*f.receiver), s_invalid) << offset << ": " << size;
+        }
+    }
+    f.source->given.push(makeBundle(makeEntry("good")));
+    EXPECT_EQ(f.recv(), "good");
 }
 
 TEST(kyNetUnbundleReceiver, bundleBeyondTheCapacityIsRefused)

@@ -8,6 +8,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <new>
 #include <numeric>
 #include <optional>
 #include <queue>
@@ -27,6 +28,7 @@
 #include <NetBase/senders/kyNetLinkSender.h>
 #include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
+#include <tests/support/kyTestMemory.h>
 #include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestThreads.h>
 #include <tests/support/kyTestWait.h>
@@ -465,6 +467,35 @@ TEST(kyNetBufferedSender, destructionDropsWhatIsQueued)
     EXPECT_EQ(children[0]->messages(), (Strings{"held"}));
 }
 
+// What a worker has taken is no longer queued, however many buffers its child is sent.
+TEST(kyNetBufferedSender, destructionWaitsForAllThatAWorkerHasTaken)
+{
+    const auto child = std::make_shared<kyTest::KeepingSender>();
+    std::promise<void> first;
+    std::promise<void> second;
+    std::promise<void> taken;
+    child->onSend = [&, number = 0](kyNetBuffer&) mutable {
+        if (++number == 1) {
+            first.get_future().wait();
+        } else if (number == 2) {
+            taken.set_value();
+            second.get_future().wait();
+        }
+    };
+    auto sender = kyNetBufferedSender::create(child, -1);
+    sender->send(makeUnbundled(0));
+    for (int i = 1; i <= 5; ++i) {
+        sender->send(makeUnbundled(i));
+    }
+    first.set_value();
+    ASSERT_EQ(taken.get_future().wait_for(kyTest::s_patience), std::future_status::ready);
+    Blocked end([&] { sender.reset(); });
+    EXPECT_TRUE(end.isBlocked());
+    second.set_value();
+    end.finish();
+    EXPECT_EQ(messagesOf(child->sent), (Strings{"0", "1", "2", "3", "4", "5"}));
+}
+
 TEST(kyNetBufferedSender, endMarkersNeedNoRoom)
 {
     const std::size_t threads = kyTest::countThreads();
@@ -538,6 +569,25 @@ TEST(kyNetBufferedSender, failureReachesTheCallersWhereverItHappens)
             EXPECT_EQ(countMessages(children), static_cast<std::size_t>(count - 2 + position));
         }
     }
+}
+
+TEST(kyNetBufferedSender, failureLetsGoOfAllThatItsWorkerHasTaken)
+{
+    const Children children = makeChildren(1);
+    children[0]->failAt(2, Failure().pointer);
+    const auto sender = makeSender(children);
+    occupyAll(*sender, children);
+    std::vector<std::weak_ptr<kyNetBuffer>> taken;
+    for (int i = 0; i < 5; ++i) {
+        const Buffer buffer = makeUnbundled(i);
+        taken.push_back(buffer);
+        sender->send(buffer);
+    }
+    children[0]->letGo();
+    for (const auto& buffer : taken) {
+        ASSERT_TRUE(kyTest::waitUntil([&] { return buffer.expired(); }));
+    }
+    EXPECT_EQ(children[0]->messages(), (Strings{"held"}));
 }
 
 TEST(kyNetBufferedSender, firstFailureIsKept)
@@ -867,4 +917,51 @@ TEST(kyNetBufferedSender, threadThatCannotBeStartedEndsThoseThatRun)
         return false;
     }));
     waitForThreads(threads);
+}
+
+TEST(kyNetBufferedSender, workersNeedNoMemoryToStart)
+{
+    const Children children = makeChildren(3);
+    std::shared_ptr<kyNetSender> sender;
+    {
+        const kyTest::NoMemoryElsewhere noMemory;
+        sender = makeSender(children);
+        // Two of the three have ended: so they have started.
+        sender->send(makeBuffer(""));
+        sender->send(makeBuffer(""));
+        sender->waitAllDataTransfered();
+    }
+    sender->send(makeBuffer("x"));
+    sender->waitAllDataTransfered();
+    EXPECT_EQ(countMessages(children), 1u);
+}
+
+TEST(kyNetBufferedSender, memoryThatAWorkerLacksIsItsFailure)
+{
+    const Children children = makeChildren(1);
+    auto sender = makeSender(children);
+    occupyAll(*sender, children);
+    for (int i = 0; i < 200; ++i) {
+        sender->send(makeBuffer("x"));
+    }
+    children[0]->forget();
+    {
+        const kyTest::NoMemoryElsewhere noMemory;
+        children[0]->letGo();
+        EXPECT_THROW(sender->waitAllDataTransfered(), std::bad_alloc);
+    }
+    EXPECT_THROW(sender->send(makeBuffer("x")), std::bad_alloc);
+    auto end = std::async(std::launch::async, [&] { sender.reset(); });
+    EXPECT_EQ(end.wait_for(kyTest::s_patience), std::future_status::ready);
+}
+
+TEST(kyNetBufferedSender, endNeedsNoMemory)
+{
+    const Children children = makeChildren(2);
+    auto sender = makeSender(children);
+    sender->send(makeBuffer("x"));
+    sender->waitAllDataTransfered();
+    const kyTest::NoMemoryElsewhere noMemory;
+    auto end = std::async(std::launch::async, [&] { sender.reset(); });
+    EXPECT_EQ(end.wait_for(kyTest::s_patience), std::future_status::ready);
 }

@@ -335,6 +335,19 @@ TEST(kyNetCompressSender, countsCompressedBuffersByTheirCompressedSize)
     EXPECT_EQ(chain.sender->getCompressedBytes(), 72u);
 }
 
+// Whoever is given a buffer may make it another.
+TEST(kyNetCompressSender, countsWhatItHasPassedOnWhateverBecomesOfIt)
+{
+    const auto target = std::make_shared<kyTest::KeepingSender>();
+    target->onSend = [](kyNetBuffer& buffer) { buffer.setDataSize(7); };
+    const auto sender = kyNetCompressSender::create(std::make_shared<Halving>(), target);
+    sender->send(makeBuffer(std::string(100, 'x'), 0, 0, kyNetMessageType::ImageData));
+    EXPECT_EQ(sender->getCompressedBytes(), 120u);
+    sender->send(makeBuffer(std::string(100, 'x')));
+    sender->waitAllDataTransfered();
+    EXPECT_EQ(sender->getCompressedBytes(), 120u + 72u);
+}
+
 TEST(kyNetCompressSender, countsWhatManyThreadsAdd)
 {
     const CompressionSetting setting(kyNetCompression::None, kyNetCompression::None);
@@ -487,6 +500,32 @@ TEST(kyNetCompressSender, workersThatHaveNotFailedGoOn)
     EXPECT_THROW(chain.sender->waitAllDataTransfered(), kyConnectionClosed);
     go.set_value();
     EXPECT_TRUE(chain.target->hasSent(static_cast<std::size_t>(Chain::s_workers - 1)));
+}
+
+TEST(kyNetCompressSender, workerThatHasFailedDropsAllItTakes)
+{
+    Chain chain;
+    std::atomic<int> compressed{0};
+    std::promise<void> go;
+    auto gone = go.get_future().share();
+    chain.compressor->onCompress = [&](const std::string&) {
+        ++compressed;
+        gone.wait();
+        throw kyConnectionClosed();
+    };
+    std::vector<std::weak_ptr<kyNetBuffer>> queued;
+    for (int i = 0; i < Chain::s_workers + 100; ++i) {
+        const Buffer buffer = makeBuffer("x");
+        queued.push_back(buffer);
+        chain.sender->send(buffer);
+    }
+    ASSERT_TRUE(kyTest::waitUntil([&] { return compressed == Chain::s_workers; }));
+    go.set_value();
+    for (const auto& buffer : queued) {
+        EXPECT_TRUE(kyTest::waitUntil([&] { return buffer.expired(); }));
+    }
+    EXPECT_EQ(compressed, Chain::s_workers);
+    EXPECT_THROW(chain.sender->waitAllDataTransfered(), kyConnectionClosed);
 }
 
 TEST(kyNetCompressSender, failureWakesEverySendThatWaitsForRoom)

@@ -1,5 +1,6 @@
 #include <NetBase/senders/kyNetSender.h>
 
+#include <future>
 #include <memory>
 #include <set>
 #include <string>
@@ -11,6 +12,7 @@
 #include <NetBase/senders/kyNetBalancedSender.h>
 #include <NetBase/senders/kyNetBufferedSender.h>
 #include <NetBase/senders/kyNetLinkSender.h>
+#include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
 #include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestWait.h>
@@ -36,6 +38,23 @@ std::shared_ptr<KeepingSender> makeChild(const Ranks& ranks = {})
 {
     return std::make_shared<KeepingSender>(ranks);
 }
+
+/// A link that keeps its first sender inside until it may go.
+class HeldLink : public KeepingLink
+{
+public:
+    void send(const kyTest::Buffer& buffer) override
+    {
+        if (sent.empty()) {
+            entered.set_value();
+            go.get_future().wait();
+        }
+        KeepingLink::send(buffer);
+    }
+
+    std::promise<void> entered;
+    std::promise<void> go;
+};
 
 Links makeLinks(std::size_t count)
 {
@@ -213,6 +232,22 @@ TEST(kyNetSender, bufferedBundleHasAThreadForEachLink)
         sender.reset();
         EXPECT_TRUE(kyTest::waitUntil([&] { return kyTest::countThreads() == threads; }));
     }
+}
+
+TEST(kyNetSender, bufferedBundleHasRoomFor256Buffers)
+{
+    const auto link = std::make_shared<HeldLink>();
+    const auto sender = kyNetSender::createBundle({link}, true, {2});
+    sender->send(kyTest::makeBuffer("held"));
+    link->entered.get_future().wait();
+    for (int i = 0; i < 256; ++i) {
+        sender->send(kyTest::makeBuffer("x"));
+    }
+    kyTest::Blocked next([&] { sender->send(kyTest::makeBuffer("next")); });
+    EXPECT_TRUE(next.isBlocked());
+    link->go.set_value();
+    next.finish();
+    sender->waitAllDataTransfered();
 }
 
 TEST(kyNetSender, bundleOfSeveralLinksTakesTurns)

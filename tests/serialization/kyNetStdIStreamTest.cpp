@@ -1,12 +1,18 @@
 #include <NetBase/serialization/kyNetStdIStream.h>
 
+#include <functional>
 #include <future>
 #include <ios>
+#include <iterator>
+#include <limits>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include <NetBase/serialization/kyNetStdOStream.h>
 #include <tests/serialization/kyTestMemoryStream.h>
 #include <tests/support/kyTestBlocked.h>
 
@@ -109,6 +115,92 @@ TEST(kyNetStdIStream, valuesFollowATextThatWasReadToItsEnd)
     EXPECT_EQ(word, "ab");
     stream >> number;
     EXPECT_EQ(number, 2);
+}
+
+TEST(kyNetStdIStream, everyWayToTheEndStopsThere)
+{
+    using End = std::istreambuf_iterator<char>;
+    const std::vector<std::function<void(std::istream&)>> ways{
+        [](std::istream& in) { in.ignore(1000); },
+        [](std::istream& in) { in.ignore(std::numeric_limits<std::streamsize>::max()); },
+        [](std::istream& in) { in.ignore(1000, 'x'); },
+        [](std::istream& in) { in.get(), in.get(), in.get(), in.peek(), in.peek(), in.get(); },
+        [](std::istream& in) {
+            std::vector<char> bytes(1000);
+            in.read(bytes.data(), 1000);
+        },
+        [](std::istream& in) {
+            std::vector<char> bytes(1000);
+            in.getline(bytes.data(), 1000);
+        },
+        [](std::istream& in) {
+            std::string line, other;
+            std::getline(std::getline(in, line), other);
+        },
+        [](std::istream& in) {
+            std::string word;
+            while (in >> word) {
+            }
+        },
+        [](std::istream& in) {
+            while (in.get() != std::char_traits<char>::eof()) {
+            }
+        },
+        [](std::istream& in) { EXPECT_EQ(std::string(End(in), End()), "a c"); },
+        [](std::istream& in) {
+            std::ostringstream out;
+            out << in.rdbuf();
+            EXPECT_EQ(out.str(), "a c");
+        },
+    };
+    for (const auto& way : ways) {
+        MemoryStream stream;
+        stream.give(chunkOf("a ") + chunkOf("c") + endOfText() + wordOf(7));
+        kyNetStdIStream in(stream);
+        way(in);
+        EXPECT_FALSE(in.bad());
+        int number = 0;
+        stream >> number;
+        EXPECT_EQ(number, 7);
+    }
+}
+
+TEST(kyNetStdIStream, syncOfInputWritesNothing)
+{
+    MemoryStream stream;
+    stream.give(chunkOf("ab"));
+    kyNetStdIStream in(stream);
+    EXPECT_EQ(in.get(), 'a');
+    EXPECT_EQ(in.sync(), 0);
+    EXPECT_EQ(in.get(), 'b');
+    EXPECT_EQ(stream.takeWritten(), "");
+}
+
+TEST(kyNetStdIStream, nothingIsPutBackBeforeAChunk)
+{
+    MemoryStream stream;
+    stream.give(chunkOf("a") + chunkOf("b"));
+    kyNetStdIStream in(stream);
+    EXPECT_EQ(in.get(), 'a');
+    EXPECT_EQ(in.get(), 'b');
+    in.unget();
+    EXPECT_TRUE(in.good());
+    in.unget();
+    EXPECT_TRUE(in.bad());
+}
+
+TEST(kyNetStdIStream, outputThatIsTiedIsFlushedBeforeTheInputIsAwaited)
+{
+    MemoryStream stream;
+    stream.give(chunkOf("answer") + endOfText());
+    kyNetStdOStream out(stream);
+    kyNetStdIStream in(stream);
+    in.tie(&out);
+    out << "question";
+    std::string word;
+    in >> word;
+    EXPECT_EQ(word, "answer");
+    EXPECT_EQ(stream.takeWritten(), chunkOf("question"));
 }
 
 TEST(kyNetStdIStream, destructionReadsNothing)

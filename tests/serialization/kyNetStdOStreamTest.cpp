@@ -175,6 +175,56 @@ TEST(kyNetStdOStream, closeThrowsWhateverItIsTold)
     EXPECT_THROW(out.close(), kyConnectionClosed);
 }
 
+TEST(kyNetStdOStream, flushAfterEveryOperationWritesAChunkForEach)
+{
+    MemoryStream stream;
+    kyNetStdOStream out(stream);
+    out << std::unitbuf << "ab" << 12 << std::nounitbuf << "cd";
+    EXPECT_EQ(stream.takeWritten(), chunkOf("ab") + chunkOf("12"));
+    EXPECT_TRUE(out.good());
+}
+
+TEST(kyNetStdOStream, flushAfterEveryOperationThatFailsIsBad)
+{
+    MemoryStream stream;
+    stream.setSendThreshold(4);
+    kyNetStdOStream out(stream);
+    out << std::unitbuf;
+    stream.setClosed(true);
+    out << "lost";
+    EXPECT_TRUE(out.bad());
+    stream.setClosed(false);
+    stream.clearSendBuffer();
+    out.clear();
+    out << "new";
+    EXPECT_TRUE(out.good());
+    EXPECT_EQ(stream.takeWritten(), chunkOf("new"));
+}
+
+TEST(kyNetStdOStream, flushAfterEveryOperationThatFailsIsThrownByTheNext)
+{
+    MemoryStream stream;
+    stream.setSendThreshold(4);
+    kyNetStdOStream out(stream);
+    out << std::unitbuf;
+    out.exceptions(std::ios::badbit);
+    stream.setClosed(true);
+    EXPECT_NO_THROW(out << "lost"); // Flushed by a destructor, which throws nothing.
+    EXPECT_TRUE(out.bad());
+    EXPECT_THROW(out << "next", std::ios::failure);
+}
+
+TEST(kyNetStdOStream, closeThrowsAfterFlushesOfEveryOperation)
+{
+    MemoryStream stream;
+    stream.setSendThreshold(4);
+    kyNetStdOStream out(stream);
+    out.rdbuf()->sputc('x'); // Beside the stream: nothing flushes it.
+    out << std::unitbuf;
+    stream.setClosed(true);
+    EXPECT_THROW(out.close(), kyConnectionClosed);
+}
+
 TEST(kyNetStdOStream, destructionSwallowsItsFailure)
 {
     MemoryStream stream;

@@ -15,6 +15,7 @@
 #include <NetBase/links/kySocketLink.h>
 #include <NetBase/receivers/kyNetReceiver.h>
 #include <NetBase/senders/kyNetSender.h>
+#include <tests/support/kyTestMessage.h>
 #include <tests/support/kyTestSocket.h>
 
 /// The ends of chains for tests of what stands above them: they keep what is sent and deliver what
@@ -64,17 +65,6 @@ inline Buffer makeBuffer(const std::string& data, std::uint32_t source = 0,
     buffer->setSendMode(kyNetBufferSendMode::Automatic);
     data.copy(buffer->getData(), data.size());
     return buffer;
-}
-
-/// The text of the failure that an action ends with.
-inline std::string messageOf(const std::function<void()>& action)
-{
-    try {
-        action();
-    } catch (const kyNetError& error) {
-        return error.what();
-    }
-    return "nothing was thrown";
 }
 
 /// Leaves nothing in the pool but buffers whose headers were used for something else.

@@ -21,4 +21,8 @@ double getProcessorSeconds(long long processId);
 /// Ends the process without giving it a chance to notice.
 void killProcess(long long processId);
 
+/// Lets the process do nothing any more, without its connections noticing, until it is resumed.
+void suspendProcess(long long processId);
+void resumeProcess(long long processId);
+
 } // namespace kyTest

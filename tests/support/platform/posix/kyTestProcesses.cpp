@@ -109,4 +109,14 @@ void killProcess(long long processId)
     ::kill(static_cast<pid_t>(processId), SIGKILL);
 }
 
+void suspendProcess(long long processId)
+{
+    ::kill(static_cast<pid_t>(processId), SIGSTOP);
+}
+
+void resumeProcess(long long processId)
+{
+    ::kill(static_cast<pid_t>(processId), SIGCONT);
+}
+
 } // namespace kyTest
