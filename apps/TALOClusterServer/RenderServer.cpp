@@ -58,7 +58,8 @@ void answerSuccess(kyNetStream& stream)
 
 } // namespace
 
-RenderServer::RenderServer(const std::string& socketPipe, std::shared_ptr<const SharedKey> key)
+RenderServer::RenderServer(const std::string& socketPipe,
+                           const std::shared_ptr<const SharedKey>& key)
     : RenderServer(socketPipe, key, openByService(key))
 {
 }

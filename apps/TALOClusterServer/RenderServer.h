@@ -40,7 +40,7 @@ public:
     /// Opens the service's pipe; no key is an empty pointer. Throws kyNetError if there is no pipe
     /// of that name.
     explicit RenderServer(const std::string& socketPipe,
-                          std::shared_ptr<const SharedKey> key = nullptr);
+                          const std::shared_ptr<const SharedKey>& key = nullptr);
 
     /// The same, with another way to the servers that the scene is relayed to than by the service.
     RenderServer(const std::string& socketPipe, std::shared_ptr<const SharedKey> key,

@@ -198,7 +198,7 @@ void RenderCluster::loadScene(const Scene& scene)
     std::map<const RemoteServer*, std::promise<bool>> promises;
     std::vector<std::shared_future<bool>> isLoaded;
     for (const auto& server : m_started) {
-        isLoaded.push_back(promises[server.get()].get_future());
+        isLoaded.emplace_back(promises[server.get()].get_future());
         if (isLost(*server)) {
             promises[server.get()].set_value(false);
         }
