@@ -471,11 +471,13 @@ TEST(kyNetBufferedSender, destructionDropsWhatIsQueued)
 TEST(kyNetBufferedSender, destructionWaitsForAllThatAWorkerHasTaken)
 {
     const auto child = std::make_shared<kyTest::KeepingSender>();
+    std::promise<void> alone;
     std::promise<void> first;
     std::promise<void> second;
     std::promise<void> taken;
     child->onSend = [&, number = 0](kyNetBuffer&) mutable {
         if (++number == 1) {
+            alone.set_value();
             first.get_future().wait();
         } else if (number == 2) {
             taken.set_value();
@@ -484,6 +486,7 @@ TEST(kyNetBufferedSender, destructionWaitsForAllThatAWorkerHasTaken)
     };
     auto sender = kyNetBufferedSender::create(child, -1);
     sender->send(makeUnbundled(0));
+    ASSERT_EQ(alone.get_future().wait_for(kyTest::s_patience), std::future_status::ready);
     for (int i = 1; i <= 5; ++i) {
         sender->send(makeUnbundled(i));
     }
