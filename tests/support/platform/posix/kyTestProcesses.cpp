@@ -9,6 +9,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <tests/support/kyTestWait.h>
+
 namespace kyTest {
 
 namespace {
@@ -74,6 +76,19 @@ std::map<long long, Process> lookAtAll()
     return processes;
 }
 
+/// Whether no thread of the process runs any more; so too if there is no such process.
+bool isStopped(long long processId)
+{
+    std::error_code gone;
+    for (const auto& thread : fs::directory_iterator(folderOf(processId) + "/task", gone)) {
+        const char state = look(std::stoll(thread.path().filename())).state;
+        if (state != 'T' && state != 'X' && state != 'Z') {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 std::vector<long long> findDescendants(const std::string& program)
@@ -112,6 +127,8 @@ void killProcess(long long processId)
 void suspendProcess(long long processId)
 {
     ::kill(static_cast<pid_t>(processId), SIGSTOP);
+    // The signal is only on its way: a thread may still answer somebody meanwhile.
+    waitUntil([processId] { return isStopped(processId); });
 }
 
 void resumeProcess(long long processId)
