@@ -1,0 +1,31 @@
+#pragma once
+
+#include <vector>
+
+#include <benchmarks/core/Results.h>
+#include <benchmarks/core/Workload.h>
+
+namespace bench {
+
+/// How long the measuring may take.
+struct Effort
+{
+    /// Runs of each contender.
+    int repetitions = 5;
+    /// What the measured part of a run takes.
+    double secondsPerRun = 0.4;
+    /// What all runs may take together: when that is over, no repetition is begun any more.
+    double secondsInTotal = 700;
+    bool withPeers = true;
+
+    void makeQuick();
+};
+
+/// Measures workloads, with the contenders interleaved: each repetition runs all of them once,
+/// beginning with another one each time, so that whatever else happens on the machine hits all of
+/// them alike. Tells on standard error how far it is and what could not be measured.
+///
+/// False if the library has failed in one of them, or the time was over before all were measured.
+bool measure(const std::vector<Workload>& workloads, const Effort& effort, Results& results);
+
+} // namespace bench

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <benchmarks/core/Workload.h>
+
+namespace bench {
+
+/// What one contender has reached in one metric, over all repetitions.
+struct Row
+{
+    Metric metric;
+    std::string contender;
+    Contender::Kind kind = Contender::Kind::Library;
+    /// As in Contender.
+    std::string reference;
+    std::vector<double> values;
+    std::vector<double> processorMicroseconds;
+};
+
+/// All that was measured.
+///
+/// A ratio compares medians and is above 1 where the first is better, whether that means more or
+/// less of the unit.
+class Results
+{
+public:
+    /// The row of this metric and contender, a new one if there is none.
+    Row& getRow(const Metric& metric, const Contender& contender);
+
+    const std::vector<Row>& getRows() const { return m_rows; }
+
+    /// To the row's reference: the contender that it names, or else the metric's first limit. None
+    /// if that was not measured, or is the row itself.
+    std::optional<double> getRatio(const Row& row) const;
+
+    /// To the peer with the best median in this metric.
+    std::optional<double> getRatioToBestPeer(const Row& row) const;
+
+    /// For people: a part for each metric.
+    void writeTable(std::ostream& out) const;
+
+    /// For programs: a line for each row.
+    void writeCsv(std::ostream& out) const;
+
+    /// The ratios of the library's rows, for compareWithBaseline.
+    void writeBaseline(std::ostream& out) const;
+
+    /// The ratios that are by more than 15 % below those of a baseline, a sentence for each. Only
+    /// metrics that were measured are compared; a contender that is missing there is one that fell.
+    /// Throws std::runtime_error for a line that is none of a baseline's.
+    std::vector<std::string> compareWithBaseline(std::istream& baseline) const;
+
+private:
+    const Row* findReference(const Row& row) const;
+    bool hasMetric(const std::string& name) const;
+    const Row* findRow(const std::string& metric, const std::string& contender) const;
+
+    std::vector<Row> m_rows;
+};
+
+} // namespace bench
