@@ -28,5 +28,13 @@ scripts/install-dependencies.sh gnuplot-nox libbenchmark-dev libnng-dev libopenm
     libucx-dev libzmq3-dev openmpi-bin
 scripts/build.sh bench kyBenchmarks >/dev/null
 
+# A rendered picture and its scene, to be compressed.
+samples=build/bench/benchmarks/samples
+if [ ! -s "$samples/geometry" ]; then
+    mkdir -p "$samples"
+    build/bench/benchmarks/renderSamples "$(scripts/fetch-scene.sh)" "$samples/tiles" \
+        "$samples/geometry"
+fi
+
 rm -rf "$results"
 build/bench/benchmarks/kyBenchmark "${options[@]}"

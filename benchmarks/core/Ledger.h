@@ -22,6 +22,9 @@ public:
     /// Whether every message up to the last one is there.
     bool isComplete() const { return m_expected && m_count == *m_expected; }
 
+    /// All messages that have come.
+    std::uint64_t getCount() const { return m_count; }
+
     /// Measured messages behind the first one.
     std::uint64_t getMeasured() const { return m_measured - 1; }
 

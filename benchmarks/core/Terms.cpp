@@ -13,6 +13,7 @@ std::vector<std::string> Terms::toArguments(bool withRank) const
                                        "--size",        std::to_string(size),
                                        "--connections", std::to_string(connections),
                                        "--busy",        std::to_string(busy),
+                                       "--window",      std::to_string(window),
                                        "--seconds",     std::to_string(seconds),
                                        "--folder",      folder};
     const auto addIfSet = [&](const char* option, const std::string& value) {
@@ -38,6 +39,7 @@ Terms Terms::parse(int argc, char** argv)
     program.add_option("--size", terms.size)->check(CLI::Range(32, 131072));
     program.add_option("--connections", terms.connections)->check(CLI::PositiveNumber);
     program.add_option("--busy", terms.busy)->check(CLI::PositiveNumber);
+    program.add_option("--window", terms.window);
     program.add_option("--seconds", terms.seconds)->check(CLI::PositiveNumber);
     program.add_option("--data", terms.dataFile)->check(CLI::ExistingFile);
     program.add_option("--folder", terms.folder)->required()->check(CLI::ExistingDirectory);

@@ -23,6 +23,10 @@ struct Terms
     int connections = 1;
     /// How many of these carry anything.
     int busy = 1;
+    /// How many messages a sender may be ahead of what was received, 0 for as many as the transport
+    /// takes. Where a message costs much more to receive than to send, as many as that would take
+    /// minutes.
+    std::uint64_t window = 0;
     /// How long the measured part takes.
     double seconds = 0.5;
     /// What the messages are cut from; a pattern is made up if there is no file.

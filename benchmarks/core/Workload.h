@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <benchmarks/core/Contender.h>
+#include <benchmarks/core/Meeting.h>
 
 namespace bench {
 
@@ -33,6 +34,10 @@ struct Workload
     /// Runs a contender once, for about so many seconds.
     std::function<Sample(const Contender&, double seconds)> run;
 };
+
+/// What a run of the pattern "oneWay" has reached: the messages a second of the slowest receiver,
+/// times a factor.
+Sample summarise(const std::vector<Report>& reports, double factor);
 
 /// Runs of the pattern "oneWay": GiB of messages a second, or millions of messages a second.
 Sample runForBytes(const Contender& contender, double seconds);

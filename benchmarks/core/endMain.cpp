@@ -4,6 +4,7 @@
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include <benchmarks/core/Statistics.h>
 #include <benchmarks/core/Stopwatch.h>
 #include <benchmarks/core/Terms.h>
+#include <benchmarks/core/platform/SharedNumber.h>
 
 namespace bench {
 
@@ -25,6 +27,9 @@ constexpr double s_warmUp = 0.25;
 /// How long an idle connection has been so before its cost is measured.
 constexpr std::chrono::milliseconds s_pollingWindow{50};
 
+/// How long a sender that is too far ahead waits before it looks again.
+constexpr std::chrono::microseconds s_windowPause{50};
+
 /// Bytes between two looks at the clock.
 constexpr std::uint64_t s_bytesBetweenLooks = 65536;
 
@@ -35,21 +40,39 @@ void waitForAll(const Terms& terms, const Meeting& meeting)
     }
 }
 
+std::string pathOfReceived(const Terms& terms)
+{
+    return terms.folder + "/received";
+}
+
 /// Numbers the messages of a run and sends them.
 class Source
 {
 public:
-    Source(const Content& content, Channel& channel) : m_content(content), m_channel(channel) {}
+    Source(const Terms& terms, const Content& content, Channel& channel)
+        : m_content(content),
+          m_channel(channel),
+          m_window(terms.window),
+          m_received(pathOfReceived(terms))
+    {
+    }
 
     void send(Phase phase)
     {
+        while (m_window > 0 && m_number >= m_received.get() + m_window) {
+            std::this_thread::sleep_for(s_windowPause);
+        }
         m_content.write(m_channel.prepare(), m_number++, phase);
         m_channel.send();
     }
 
+    std::uint64_t getCount() const { return m_number; }
+
 private:
     const Content& m_content;
     Channel& m_channel;
+    const std::uint64_t m_window;
+    const SharedNumber m_received;
     std::uint64_t m_number = 0;
 };
 
@@ -67,7 +90,7 @@ void sendFor(Source& source, Phase phase, double seconds, std::uint64_t size)
 
 void sendOneWay(const Terms& terms, const Content& content, Channel& channel, Meeting& meeting)
 {
-    Source source(content, channel);
+    Source source(terms, content, channel);
     sendFor(source, Phase::WarmUp, terms.seconds * s_warmUp, terms.size);
     const Moment begin = Moment::now();
     sendFor(source, Phase::Measured, terms.seconds, terms.size);
@@ -75,15 +98,21 @@ void sendOneWay(const Terms& terms, const Content& content, Channel& channel, Me
     channel.flush();
     const double processorSeconds = Moment::now().processorSecondsSince(begin);
     waitForAll(terms, meeting);
-    meeting.report({{"processorSeconds", processorSeconds}});
+    Report report = channel.getStatistics();
+    report["processorSeconds"] = processorSeconds;
+    report["sentMessages"] = static_cast<double>(source.getCount());
+    meeting.report(report);
 }
 
-void receiveOneWay(const Content& content, Channel& channel, Meeting& meeting)
+void receiveOneWay(const Terms& terms, const Content& content, Channel& channel, Meeting& meeting)
 {
+    SharedNumber received(pathOfReceived(terms));
     Ledger ledger(content);
     while (!ledger.isComplete()) {
         ledger.enter(channel.receive());
+        received.set(ledger.getCount());
     }
+    channel.flush(); // A relay may have something to pass on.
     meeting.report({{"messages", static_cast<double>(ledger.getMeasured())},
                     {"seconds", ledger.getSeconds()},
                     {"processorSeconds", ledger.getProcessorSeconds()}});
@@ -154,7 +183,7 @@ double measureIdleness(const Terms& terms)
 
 void beIdleSender(const Terms& terms, const Content& content, Channel& channel, Meeting& meeting)
 {
-    Source source(content, channel);
+    Source source(terms, content, channel);
     source.send(Phase::Measured);
     channel.flush();
     const double processorSeconds = measureIdleness(terms);
@@ -188,7 +217,7 @@ void run(const Terms& terms)
                 : beIdleReceiver(terms, content, *channel, meeting);
     } else {
         isFirst ? sendOneWay(terms, content, *channel, meeting)
-                : receiveOneWay(content, *channel, meeting);
+                : receiveOneWay(terms, content, *channel, meeting);
     }
 }
 

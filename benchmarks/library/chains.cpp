@@ -55,11 +55,12 @@ std::shared_ptr<kyNetReceiver> makeReceiver(const Terms& terms, const Links& lin
         return kyNetDecompressReceiver::create(std::make_shared<MethodCompressor>(),
                                                makeLeaves(links, true));
     }
-    const Receivers leaves = makeLeaves(links, uses(terms, "bundled"));
+    const bool isBundled = uses(terms, "bundled");
     if (uses(terms, "buffered")) {
-        return kyNetBufferedReceiver::create(leaves);
+        return kyNetBufferedReceiver::create(makeLeaves(links, isBundled));
     }
-    return leaves.size() == 1 ? leaves.front() : kyNetMultiLinkReceiver::create(links);
+    const auto receiver = kyNetMultiLinkReceiver::create(links);
+    return isBundled ? kyNetUnbundleReceiver::create(receiver) : receiver;
 }
 
 } // namespace bench

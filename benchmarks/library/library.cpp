@@ -24,9 +24,10 @@ namespace bench {
 
 namespace {
 
-/// What a process has open.
+/// What a process has open. The links are held here too, since silent ones stand in no chain.
 struct Chains
 {
+    Links links;
     std::shared_ptr<kyNetSender> sender;
     std::shared_ptr<kyNetReceiver> receiver;
 };
@@ -57,12 +58,22 @@ public:
 
     void send() override { m_chains.sender->send(m_out); }
 
-    void flush() override { m_chains.sender->waitAllDataTransfered(); }
+    void flush() override
+    {
+        if (m_chains.sender) {
+            m_chains.sender->waitAllDataTransfered();
+        }
+    }
 
     Message receive() override
     {
         m_chains.receiver->recv(m_in);
         return {m_in->getData(), m_in->getDataSize()};
+    }
+
+    Report getStatistics() const override
+    {
+        return {{"compressedBytes", static_cast<double>(m_chains.sender->getCompressedBytes())}};
     }
 
 private:
@@ -78,7 +89,8 @@ private:
 template <class Value> class StreamChannel : public Channel
 {
 public:
-    StreamChannel(const Terms& terms, const Chains& chains) : m_out(terms.size), m_in(terms.size)
+    StreamChannel(const Terms& terms, const Chains& chains)
+        : m_links(chains.links), m_out(terms.size), m_in(terms.size)
     {
         m_stream.setRank(static_cast<int>(toLibraryRank(terms.rank)));
         m_stream.setSender(chains.sender);
@@ -91,7 +103,7 @@ public:
     void flush() override
     {
         m_stream.flush();
-        m_stream.waitAllDataTransfered();
+        m_stream.waitAllDataTransfered(); // Nothing to wait for without a sender.
     }
 
     Message receive() override
@@ -101,6 +113,7 @@ public:
     }
 
 private:
+    Links m_links;
     kyNetStream m_stream;
     std::vector<char> m_out;
     std::vector<char> m_in;
@@ -150,7 +163,7 @@ Chains makeSenderToAll(const Terms& terms, const Meeting& meeting)
         }
         senders.push_back(makeSender(terms, connectTo(rank, terms, meeting), destinations));
     }
-    return {kyNetMultiSender::create(senders), nullptr};
+    return {{}, kyNetMultiSender::create(senders), nullptr};
 }
 
 /// Rank 1 passes on to rank 3, rank 2 to rank 4.
@@ -158,8 +171,9 @@ Chains makeRelay(const Terms& terms, const Meeting& meeting, const Links& links)
 {
     const int next = terms.rank + 2;
     const auto forward = makeSender(terms, connectTo(next, terms, meeting), {toLibraryRank(next)});
-    return {forward, kyNetForwardReceiver::create(makeReceiver(terms, links), forward,
-                                                  static_cast<int>(toLibraryRank(terms.rank)))};
+    return {links, forward,
+            kyNetForwardReceiver::create(makeReceiver(terms, links), forward,
+                                         static_cast<int>(toLibraryRank(terms.rank)))};
 }
 
 Chains makeChains(const Terms& terms, Meeting& meeting)
@@ -174,7 +188,7 @@ Chains makeChains(const Terms& terms, Meeting& meeting)
     const bool sends = terms.rank == 0 || terms.pattern == "roundTrip";
     const bool receives = terms.rank != 0 || terms.pattern == "roundTrip";
     const Links busy(links.end() - terms.busy, links.end());
-    Chains chains;
+    Chains chains{links, nullptr, nullptr};
     if (sends) {
         chains.sender = makeSender(terms, busy, {toLibraryRank(terms.rank == 0 ? 1 : 0)});
     }

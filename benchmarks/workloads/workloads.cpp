@@ -4,7 +4,9 @@ namespace bench {
 
 std::vector<Workload> allWorkloads()
 {
-    return {bulk(), small(), roundTrip()};
+    return {bulk(),       bulk4(),        small(),  roundTrip(),       fanInLarge(),
+            fanInSmall(), fanInOneBusy(), fanOut(), compressedTiles(), compressedGeometry(),
+            encrypted(),  idle()};
 }
 
 } // namespace bench

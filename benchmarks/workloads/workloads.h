@@ -6,10 +6,19 @@
 
 namespace bench {
 
-/// Each of these stands in the source of its name.
+/// Each of these stands in the source of its name, or in that of what its name begins with.
 Workload bulk();
+Workload bulk4();
 Workload small();
 Workload roundTrip();
+Workload fanInLarge();
+Workload fanInSmall();
+Workload fanInOneBusy();
+Workload fanOut();
+Workload compressedTiles();
+Workload compressedGeometry();
+Workload encrypted();
+Workload idle();
 
 /// All, in the order of the table.
 std::vector<Workload> allWorkloads();
