@@ -1,14 +1,11 @@
 #include <apps/TALOClusterServer/PathTracer.h>
 
 #include <cstdint>
-#include <stdexcept>
-#include <string>
 #include <utility>
 
-#include <embree3/rtcore.h>
 #include <tbb/parallel_for.h>
-#include <tbb/task_arena.h>
 
+#include <apps/TALOClusterServer/RayCaster.h>
 #include <apps/TALOClusterServer/Sampler.h>
 #include <apps/TALOClusterServer/Sampling.h>
 
@@ -26,24 +23,6 @@ constexpr float s_brightest = 2.5F;
 /// Seen by way of another surface, coats are at least this rough: what they would throw there as a
 /// sharp caustic, few paths would find.
 constexpr float s_indirectRoughness = 0.5F;
-constexpr float s_infinity = 1e30F;
-
-struct Ray
-{
-    Vector origin;
-    Vector direction;
-};
-
-/// Where a ray met something.
-struct Hit
-{
-    float distance = s_infinity;
-    std::uint32_t geometry = RTC_INVALID_GEOMETRY_ID;
-    std::uint32_t triangle = 0;
-    float u = 0.0F;
-    float v = 0.0F;
-    Vector normal;
-};
 
 Vector limited(const Vector& light)
 {
@@ -131,31 +110,16 @@ private:
 
 } // namespace
 
-/// The scene with the tree over its triangles, and the paths through it.
-class PathTracer::Tree
+/// The scene, what its rays meet, and the paths through it.
+class PathTracer::Paths
 {
 public:
-    explicit Tree(Scene scene);
+    explicit Paths(Scene scene);
 
     Vector follow(Ray ray, Sampler& sampler) const;
 
 private:
-    struct DeviceDeleter
-    {
-        void operator()(RTCDeviceTy* device) const { rtcReleaseDevice(device); }
-    };
-    struct SceneDeleter
-    {
-        void operator()(RTCSceneTy* scene) const { rtcReleaseScene(scene); }
-    };
-
-    void check(const char* what) const;
-    void attach(RTCGeometryType type, const void* vertices, std::size_t vertexCount,
-                const void* indices, std::size_t indexCount);
     void chooseLights();
-
-    bool intersect(const Ray& ray, Hit& hit) const;
-    bool isOccluded(const Ray& ray, float distance) const;
 
     bool isLight(const Hit& hit) const { return hit.geometry >= m_scene.meshes.size(); }
     Vector shadingNormal(const Hit& hit) const;
@@ -172,10 +136,9 @@ private:
     }
 
     Scene m_scene;
-    std::unique_ptr<RTCDeviceTy, DeviceDeleter> m_device;
-    std::unique_ptr<RTCSceneTy, SceneDeleter> m_tree;
+    std::unique_ptr<const RayCaster> m_rays;
     /// A distance that no rounding crosses: rays leave a surface from this far above it.
-    float m_step = 0.0F;
+    float m_step;
 
     /// Of the lights: unit normal, area, and the share of the questions each is asked.
     std::vector<Vector> m_lightNormals;
@@ -183,71 +146,15 @@ private:
     std::vector<float> m_lightShares;
 };
 
-PathTracer::Tree::Tree(Scene scene)
+PathTracer::Paths::Paths(Scene scene)
     : m_scene(std::move(scene)),
-      // Wider instructions round products differently; these every server has.
-      m_device(rtcNewDevice("isa=sse4.2,set_affinity=0"))
+      m_rays(RayCaster::create(m_scene)),
+      m_step(1e-5F * length(m_rays->getExtent()))
 {
-    if (!m_device) {
-        throw std::runtime_error("Unable to create the ray tracing device");
-    }
-    m_tree.reset(rtcNewScene(m_device.get()));
-    rtcSetSceneFlags(m_tree.get(), RTC_SCENE_FLAG_ROBUST);
-    for (Mesh& mesh : m_scene.meshes) {
-        attach(RTC_GEOMETRY_TYPE_TRIANGLE, mesh.positions.data(), mesh.positions.size(),
-               mesh.triangles.data(), mesh.triangles.size());
-        mesh.positions = {};
-    }
-    for (const AreaLight& light : m_scene.lights) {
-        const Vector corners[4] = {light.corner, light.corner + light.edgeU,
-                                   light.corner + light.edgeU + light.edgeV,
-                                   light.corner + light.edgeV};
-        const std::uint32_t quad[4] = {0, 1, 2, 3};
-        attach(RTC_GEOMETRY_TYPE_QUAD, corners, 4, quad, 1);
-    }
-    // One thread: several would share the work differently each time, and with the shape of the
-    // tree it would change which of two triangles a ray along their common edge meets.
-    tbb::task_arena(1).execute([this] { rtcCommitScene(m_tree.get()); });
-    check("Unable to build the tree over the scene");
-
-    RTCBounds bounds{};
-    rtcGetSceneBounds(m_tree.get(), &bounds);
-    m_step = 1e-5F * length({bounds.upper_x - bounds.lower_x, bounds.upper_y - bounds.lower_y,
-                             bounds.upper_z - bounds.lower_z});
     chooseLights();
 }
 
-void PathTracer::Tree::check(const char* what) const
-{
-    if (rtcGetDeviceError(m_device.get()) != RTC_ERROR_NONE) {
-        throw std::runtime_error(what);
-    }
-}
-
-void PathTracer::Tree::attach(RTCGeometryType type, const void* vertices, std::size_t vertexCount,
-                              const void* indices, std::size_t indexCount)
-{
-    const bool isQuad = type == RTC_GEOMETRY_TYPE_QUAD;
-    const std::size_t corners = isQuad ? 4 : 3;
-    RTCGeometry geometry = rtcNewGeometry(m_device.get(), type);
-    void* vertexBuffer = rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0,
-                                                 RTC_FORMAT_FLOAT3, sizeof(Vector), vertexCount);
-    void* indexBuffer = rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0,
-                                                isQuad ? RTC_FORMAT_UINT4 : RTC_FORMAT_UINT3,
-                                                corners * sizeof(std::uint32_t), indexCount);
-    if (vertexBuffer != nullptr && indexBuffer != nullptr) {
-        std::copy_n(static_cast<const Vector*>(vertices), vertexCount,
-                    static_cast<Vector*>(vertexBuffer));
-        std::copy_n(static_cast<const std::uint32_t*>(indices), corners * indexCount,
-                    static_cast<std::uint32_t*>(indexBuffer));
-        rtcCommitGeometry(geometry);
-        rtcAttachGeometry(m_tree.get(), geometry);
-    }
-    rtcReleaseGeometry(geometry);
-    check("Unable to store the triangles of the scene");
-}
-
-void PathTracer::Tree::chooseLights()
+void PathTracer::Paths::chooseLights()
 {
     float total = 0.0F;
     for (const AreaLight& light : m_scene.lights) {
@@ -262,50 +169,7 @@ void PathTracer::Tree::chooseLights()
     }
 }
 
-bool PathTracer::Tree::intersect(const Ray& ray, Hit& hit) const
-{
-    RTCRayHit query{};
-    query.ray.org_x = ray.origin.x;
-    query.ray.org_y = ray.origin.y;
-    query.ray.org_z = ray.origin.z;
-    query.ray.dir_x = ray.direction.x;
-    query.ray.dir_y = ray.direction.y;
-    query.ray.dir_z = ray.direction.z;
-    query.ray.tnear = 0.0F;
-    query.ray.tfar = s_infinity;
-    query.ray.mask = ~0U;
-    query.hit.geomID = RTC_INVALID_GEOMETRY_ID;
-    RTCIntersectContext context;
-    rtcInitIntersectContext(&context);
-    rtcIntersect1(m_tree.get(), &context, &query);
-    hit.distance = query.ray.tfar;
-    hit.geometry = query.hit.geomID;
-    hit.triangle = query.hit.primID;
-    hit.u = query.hit.u;
-    hit.v = query.hit.v;
-    hit.normal = normalize({query.hit.Ng_x, query.hit.Ng_y, query.hit.Ng_z});
-    return hit.geometry != RTC_INVALID_GEOMETRY_ID;
-}
-
-bool PathTracer::Tree::isOccluded(const Ray& ray, float distance) const
-{
-    RTCRay query{};
-    query.org_x = ray.origin.x;
-    query.org_y = ray.origin.y;
-    query.org_z = ray.origin.z;
-    query.dir_x = ray.direction.x;
-    query.dir_y = ray.direction.y;
-    query.dir_z = ray.direction.z;
-    query.tnear = 0.0F;
-    query.tfar = distance;
-    query.mask = ~0U;
-    RTCIntersectContext context;
-    rtcInitIntersectContext(&context);
-    rtcOccluded1(m_tree.get(), &context, &query);
-    return query.tfar < 0.0F;
-}
-
-Vector PathTracer::Tree::shadingNormal(const Hit& hit) const
+Vector PathTracer::Paths::shadingNormal(const Hit& hit) const
 {
     const Mesh& mesh = m_scene.meshes[hit.geometry];
     const Triangle& t = mesh.triangles[hit.triangle];
@@ -313,21 +177,21 @@ Vector PathTracer::Tree::shadingNormal(const Hit& hit) const
                      mesh.normals[t[2]] * hit.v);
 }
 
-Vector PathTracer::Tree::skyLight(const Vector& direction) const
+Vector PathTracer::Paths::skyLight(const Vector& direction) const
 {
     const float height = std::clamp(direction.y, -1.0F, 1.0F);
     return height > 0.0F ? mix(m_scene.sky.horizon, m_scene.sky.zenith, std::sqrt(height))
                          : mix(m_scene.sky.horizon, m_scene.sky.nadir, std::sqrt(-height));
 }
 
-float PathTracer::Tree::lightDensity(std::size_t light, float distance, float cosine) const
+float PathTracer::Paths::lightDensity(std::size_t light, float distance, float cosine) const
 {
     return m_lightShares[light] * distance * distance / (m_lightAreas[light] * cosine);
 }
 
 template <class Reflect>
-Vector PathTracer::Tree::askLight(const Vector& point, const Vector& normal, Sampler& sampler,
-                                  const Reflect& reflect) const
+Vector PathTracer::Paths::askLight(const Vector& point, const Vector& normal, Sampler& sampler,
+                                   const Reflect& reflect) const
 {
     const Sampler::Pair choice = sampler.next();
     const Sampler::Pair place = sampler.next();
@@ -350,14 +214,15 @@ Vector PathTracer::Tree::askLight(const Vector& point, const Vector& normal, Sam
     }
     float density = 0.0F;
     const Vector reflected = reflect(in, density);
-    if (!(maxComponent(reflected) > 0.0F) || isOccluded({origin, in}, distance * (1.0F - 1e-4F))) {
+    if (!(maxComponent(reflected) > 0.0F) ||
+        m_rays->isOccluded({origin, in}, distance * (1.0F - 1e-4F))) {
         return {};
     }
     const float asked = lightDensity(light, distance, cosine);
     return source.radiance * reflected * (weight(asked, density) / asked);
 }
 
-Vector PathTracer::Tree::follow(Ray ray, Sampler& sampler) const
+Vector PathTracer::Paths::follow(Ray ray, Sampler& sampler) const
 {
     Vector light;
     Vector carried(1.0F);
@@ -368,7 +233,7 @@ Vector PathTracer::Tree::follow(Ray ray, Sampler& sampler) const
             light += bounce == 0 ? carried * more : limited(carried * more);
         };
         Hit hit;
-        if (!intersect(ray, hit)) {
+        if (!m_rays->intersect(ray, hit)) {
             collect(skyLight(ray.direction));
             break;
         }
@@ -418,7 +283,7 @@ Vector PathTracer::Tree::follow(Ray ray, Sampler& sampler) const
             const Vector inside = Basis(-normal).toWorld(sampleCosine(aim));
             Hit exit;
             const Vector start = offset(point, -normal);
-            if (!intersect({start, inside}, exit) || isLight(exit) ||
+            if (!m_rays->intersect({start, inside}, exit) || isLight(exit) ||
                 m_scene.meshes[exit.geometry].material != mesh.material) {
                 break;
             }
@@ -449,7 +314,7 @@ Vector PathTracer::Tree::follow(Ray ray, Sampler& sampler) const
     return light;
 }
 
-PathTracer::PathTracer(Scene scene) : m_tree(std::make_unique<const Tree>(std::move(scene))) {}
+PathTracer::PathTracer(Scene scene) : m_paths(std::make_unique<const Paths>(std::move(scene))) {}
 
 PathTracer::~PathTracer() = default;
 
@@ -483,9 +348,9 @@ std::vector<Vector> PathTracer::render(const Frame& frame, const Tile& tile,
         for (std::uint32_t path = 0; path < frame.samples && !isStopped(); ++path) {
             Sampler sampler(x, y, path);
             const Sampler::Pair place = sampler.next();
-            sum += m_tree->follow(cameraRay(frame, static_cast<float>(x) + 0.5F + tent(place.u),
-                                            static_cast<float>(y) + 0.5F + tent(place.v)),
-                                  sampler);
+            sum += m_paths->follow(cameraRay(frame, static_cast<float>(x) + 0.5F + tent(place.u),
+                                             static_cast<float>(y) + 0.5F + tent(place.v)),
+                                   sampler);
         }
         return sum * (1.0F / static_cast<float>(frame.samples));
     };

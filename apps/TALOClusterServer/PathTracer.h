@@ -15,16 +15,16 @@ namespace render {
 /// translucent body crosses it and leaves on the far side.
 ///
 /// A pixel depends on the scene, the frame and its place only: every random number is a function
-/// of pixel and path, the tree over the triangles is built by one thread, and the arithmetic is
-/// the same on every processor. So it does not matter which server renders a tile, in which order
+/// of pixel and path, rays meet the same triangles whoever casts them, and the arithmetic is the
+/// same on every processor. So it does not matter which server renders a tile, in which order
 /// or on how many threads.
 ///
 /// Threads: `render` may be called by several threads at once and uses the task library's workers.
 class PathTracer
 {
 public:
-    /// Takes a scene that `checkScene` has accepted and builds the tree over its triangles.
-    /// Throws std::runtime_error when there is no memory for it.
+    /// Takes a scene that `checkScene` has accepted and prepares to cast rays into it. Throws
+    /// what RayCaster does when there is no memory for it.
     explicit PathTracer(Scene scene);
     ~PathTracer();
 
@@ -38,8 +38,8 @@ public:
                                const std::atomic<bool>& stop) const;
 
 private:
-    class Tree;
-    std::unique_ptr<const Tree> m_tree;
+    class Paths;
+    std::unique_ptr<const Paths> m_paths;
 };
 
 } // namespace render

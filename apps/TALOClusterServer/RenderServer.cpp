@@ -13,6 +13,7 @@
 #include <NetBase/serialization/kyNetStream.h>
 #include <Utils/kyLog.h>
 #include <apps/TALOClusterServer/OrderBook.h>
+#include <apps/TALOClusterServer/RayCaster.h>
 #include <apps/TALOClusterServer/SceneInlet.h>
 #include <apps/common/KeyExchange.h>
 #include <apps/common/MethodCompressor.h>
@@ -213,7 +214,7 @@ void RenderServer::serveApplication(const Hello& application, kyNetStream& strea
     const RenderChannels channels = m_lobby.waitForChannels(s_channelTimeout);
     const auto relay = SceneRelay::open(application, setup, m_opener, m_key);
     kyNetOptions::setImageCompression(setup.imageCompression);
-    answerSuccess(stream);
+    stream.sendSuccess() << RayCaster::s_isPlain << kyNetStream::flush;
     // From here on only the chains read and write the channels.
     carryOut(application.rank, setup.sceneSource, channels, relay);
 }

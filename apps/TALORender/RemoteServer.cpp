@@ -99,7 +99,7 @@ void RemoteServer::setUp(const Setup& setup)
         kyNetStream stream(m_first);
         stream.setRank(s_applicationRank);
         stream << setup << kyNetStream::flush;
-        stream.recvResult();
+        stream.recvResult() >> m_work.hasPlainRays;
     });
     m_isRelayed = setup.sceneSource != s_applicationRank;
     m_stream.setRank(s_applicationRank);

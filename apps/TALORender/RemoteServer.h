@@ -52,6 +52,7 @@ public:
     /// What a server did, for the report at the end.
     struct Work
     {
+        bool hasPlainRays = false; ///< cast without Embree
         std::size_t tiles = 0;
         double seconds = 0.0; ///< that it spent rendering
         Traffic scene;        ///< what the application has sent until the scene was there

@@ -15,6 +15,7 @@ struct Totals
     Traffic scene;
     Traffic sent;
     Traffic received;
+    std::size_t plain = 0;
 };
 
 /// A number of the report; nobody knows what a lost server has sent.
@@ -52,6 +53,7 @@ std::string formatReport(const std::vector<std::shared_ptr<RemoteServer>>& serve
         totals.scene += work.scene;
         totals.sent += work.sent;
         totals.received += work.received.value_or(Traffic());
+        totals.plain += work.hasPlainRays ? 1 : 0;
     }
     const auto addTotal = [&](const char* name, std::uint64_t Traffic::*member) {
         table << name << totals.sent.*member + totals.received.*member
@@ -63,6 +65,10 @@ std::string formatReport(const std::vector<std::shared_ptr<RemoteServer>>& serve
     table << "scene:      " << totals.scene.compressed << " bytes left the application for "
           << servers.size() << (servers.size() == 1 ? " server, " : " servers, ")
           << totals.scene.raw << " before they were compressed\n";
+    if (totals.plain > 0) {
+        table << "rays:       cast without Embree by " << totals.plain << " of " << servers.size()
+              << (servers.size() == 1 ? " server\n" : " servers\n");
+    }
     return table.str();
 }
 

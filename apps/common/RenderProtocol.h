@@ -50,7 +50,7 @@ constexpr std::int32_t s_firstServerRank = 2;
 /// The first words on each channel.
 struct Hello
 {
-    static constexpr std::uint32_t s_protocolVersion = 2;
+    static constexpr std::uint32_t s_protocolVersion = 3;
     /// Channels of one type that a server takes.
     static constexpr int s_maxChannels = 64;
 
@@ -82,7 +82,8 @@ struct RelayTarget
     std::uint32_t serverId = 0;
 };
 
-/// What a server is told once its channels are open, answered with a result.
+/// What a server is told once its channels are open, answered with a result: a bool, whether the
+/// server casts its rays in the plain way.
 struct Setup
 {
     /// The method for the tiles on their way back.

@@ -1,41 +1,14 @@
 #include <apps/TALOClusterServer/PathTracer.h>
 
-#include <algorithm>
-#include <random>
-
 #include <gtest/gtest.h>
 #include <tbb/task_arena.h>
 
 #include <tests/apps/kyTestScene.h>
+#include <tests/apps/kyTestTiles.h>
 
 using namespace render;
 
 namespace {
-
-const std::atomic<bool> s_go{false};
-
-/// A picture made from tiles of the given edge, rendered in the given order.
-std::vector<Vector> renderTiled(const PathTracer& tracer, const Frame& frame, std::uint32_t edge,
-                                unsigned int shuffle)
-{
-    std::vector<Tile> tiles;
-    for (std::uint32_t y = 0; y < frame.height; y += edge) {
-        for (std::uint32_t x = 0; x < frame.width; x += edge) {
-            tiles.push_back(
-                {x, y, std::min(edge, frame.width - x), std::min(edge, frame.height - y)});
-        }
-    }
-    std::shuffle(tiles.begin(), tiles.end(), std::mt19937(shuffle));
-    std::vector<Vector> picture(std::size_t{frame.width} * frame.height);
-    for (const Tile& tile : tiles) {
-        const std::vector<Vector> pixels = tracer.render(frame, tile, s_go);
-        for (std::uint32_t row = 0; row < tile.height; ++row) {
-            std::copy_n(pixels.begin() + row * tile.width, tile.width,
-                        picture.begin() + (tile.y + row) * frame.width + tile.x);
-        }
-    }
-    return picture;
-}
 
 /// A white wall that fills the picture, under a sky of one colour all around.
 Scene whiteWall(const Material& material)
@@ -67,10 +40,10 @@ TEST(PathTracer, everyDivisionIntoTilesInEveryOrderGivesTheSamePixels)
 {
     const PathTracer tracer(kyTest::makeScene());
     const Frame frame = kyTest::makeFrame(50, 37, 4);
-    const std::vector<Vector> whole = renderTiled(tracer, frame, 50, 0);
-    EXPECT_EQ(renderTiled(tracer, frame, 16, 1), whole);
-    EXPECT_EQ(renderTiled(tracer, frame, 7, 2), whole);
-    EXPECT_EQ(renderTiled(tracer, frame, 1, 3), whole);
+    const std::vector<Vector> whole = kyTest::renderTiled(tracer, frame, 50, 0);
+    EXPECT_EQ(kyTest::renderTiled(tracer, frame, 16, 1), whole);
+    EXPECT_EQ(kyTest::renderTiled(tracer, frame, 7, 2), whole);
+    EXPECT_EQ(kyTest::renderTiled(tracer, frame, 1, 3), whole);
     // The comparison means something: the picture is not of one colour.
     EXPECT_NE(whole.front(), whole[whole.size() / 2]);
 }
@@ -80,7 +53,7 @@ TEST(PathTracer, twoTracersOfTheSameSceneAgree)
     const Frame frame = kyTest::makeFrame(40, 30, 4);
     const PathTracer one(kyTest::makeScene());
     const PathTracer other(kyTest::makeScene());
-    EXPECT_EQ(renderTiled(one, frame, 16, 1), renderTiled(other, frame, 16, 2));
+    EXPECT_EQ(kyTest::renderTiled(one, frame, 16, 1), kyTest::renderTiled(other, frame, 16, 2));
 }
 
 TEST(PathTracer, theNumberOfThreadsChangesNothing)
@@ -91,7 +64,7 @@ TEST(PathTracer, theNumberOfThreadsChangesNothing)
         tbb::task_arena arena(threads);
         arena.execute([&] {
             const PathTracer tracer(kyTest::makeScene());
-            pictures.push_back(renderTiled(tracer, frame, 16, 1));
+            pictures.push_back(kyTest::renderTiled(tracer, frame, 16, 1));
         });
     }
     EXPECT_EQ(pictures[0], pictures[1]);
@@ -100,8 +73,8 @@ TEST(PathTracer, theNumberOfThreadsChangesNothing)
 TEST(PathTracer, aPixelDependsOnTheNumberOfSamples)
 {
     const PathTracer tracer(kyTest::makeScene());
-    EXPECT_NE(renderTiled(tracer, kyTest::makeFrame(20, 15, 2), 20, 0),
-              renderTiled(tracer, kyTest::makeFrame(20, 15, 3), 20, 0));
+    EXPECT_NE(kyTest::renderTiled(tracer, kyTest::makeFrame(20, 15, 2), 20, 0),
+              kyTest::renderTiled(tracer, kyTest::makeFrame(20, 15, 3), 20, 0));
 }
 
 TEST(PathTracer, whatRaysMissIsTheSky)
@@ -113,7 +86,7 @@ TEST(PathTracer, whatRaysMissIsTheSky)
     frame.camera.forward = {0.0F, 0.0F, 1.0F};
     frame.camera.right = {1e-6F, 0.0F, 0.0F};
     frame.camera.up = {0.0F, 1e-12F, 0.0F};
-    for (const Vector& pixel : tracer.render(frame, {0, 0, 4, 4}, s_go)) {
+    for (const Vector& pixel : tracer.render(frame, {0, 0, 4, 4}, kyTest::s_go)) {
         EXPECT_NEAR(pixel.x, 0.25F, 1e-4F);
         EXPECT_NEAR(pixel.y, 0.5F, 1e-4F);
         EXPECT_NEAR(pixel.z, 0.75F, 1e-4F);
@@ -125,7 +98,7 @@ TEST(PathTracer, aWhiteBodyUnderAWhiteSkyIsWhite)
     Material material;
     material.color = Vector(1.0F);
     const PathTracer tracer(whiteWall(material));
-    for (const Vector& pixel : tracer.render(lookAtWall(16), {0, 0, 4, 4}, s_go)) {
+    for (const Vector& pixel : tracer.render(lookAtWall(16), {0, 0, 4, 4}, kyTest::s_go)) {
         EXPECT_NEAR(pixel.x, 1.0F, 1e-4F);
     }
 }
@@ -137,7 +110,7 @@ TEST(PathTracer, aCoatAddsNoLight)
     material.coat = 0.3F;
     material.roughness = 0.3F;
     const PathTracer tracer(whiteWall(material));
-    for (const Vector& pixel : tracer.render(lookAtWall(256), {0, 0, 4, 4}, s_go)) {
+    for (const Vector& pixel : tracer.render(lookAtWall(256), {0, 0, 4, 4}, kyTest::s_go)) {
         EXPECT_LE(pixel.x, 1.02F);
         EXPECT_GE(pixel.x, 0.6F);
     }
@@ -157,7 +130,7 @@ TEST(PathTracer, aLightIlluminatesByTheInverseSquareOfItsDistance)
         frame.camera.forward = normalize({-1.0F, 0.0F, -1.0F});
         frame.camera.right = {0.0F, 1e-4F, 0.0F};
         frame.camera.up = {1e-4F, 0.0F, 1e-4F};
-        return tracer.render(frame, {0, 0, 1, 1}, s_go)[0].x;
+        return tracer.render(frame, {0, 0, 1, 1}, kyTest::s_go)[0].x;
     };
     const float expected = 100.0F * 0.01F / 4.0F * 0.5F / 3.14159265F;
     EXPECT_NEAR(brightness(2.0F), expected, 0.01F * expected);
@@ -175,7 +148,7 @@ TEST(PathTracer, aLightShinesToOneSideOnly)
     frame.camera.forward = {0.0F, 0.0F, -1.0F};
     frame.camera.right = {0.1F, 0.0F, 0.0F};
     frame.camera.up = {0.0F, 0.1F, 0.0F};
-    for (const Vector& pixel : tracer.render(frame, {0, 0, 4, 4}, s_go)) {
+    for (const Vector& pixel : tracer.render(frame, {0, 0, 4, 4}, kyTest::s_go)) {
         EXPECT_EQ(pixel, Vector());
     }
 }
@@ -195,7 +168,7 @@ TEST(PathTracer, aTranslucentBodyGlowsOnTheSideAwayFromTheLight)
         frame.camera.right *= 0.1F;
         frame.camera.up *= 0.1F;
         Vector sum;
-        for (const Vector& pixel : tracer.render(frame, {0, 0, 8, 8}, s_go)) {
+        for (const Vector& pixel : tracer.render(frame, {0, 0, 8, 8}, kyTest::s_go)) {
             sum += pixel;
         }
         return maxComponent(sum);

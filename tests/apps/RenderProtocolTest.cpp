@@ -57,7 +57,7 @@ TEST(RenderProtocol, helloComesBackAsItWas)
     loop.flush();
     Hello copy;
     loop >> copy;
-    EXPECT_EQ(copy.protocolVersion, 2U);
+    EXPECT_EQ(copy.protocolVersion, 3U);
     EXPECT_EQ(copy.type, kyNodeConnectionType::Image);
     EXPECT_EQ(copy.rank, 7);
     EXPECT_EQ(copy.source, 3);
@@ -75,7 +75,7 @@ TEST(RenderProtocol, aHelloIsTheApplicationsUnlessItSaysOtherwise)
 
 TEST(RenderProtocol, aHelloOfAnotherVersionIsReadNoFurther)
 {
-    for (const std::uint32_t version : {1U, 3U}) {
+    for (const std::uint32_t version : {2U, 4U}) {
         kyTest::Loop loop;
         loop << version;
         loop.flush();

@@ -6,6 +6,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -380,6 +381,21 @@ TEST_F(TALORender, printsWhatEachServerDid)
     EXPECT_THAT(result.output,
                 HasSubstr("\n" + m_output + ": 200x150, 2 samples per pixel, 24 triangles, "));
     EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 9);
+}
+
+TEST_F(TALORender, serversWithoutEmbreeMakeOnePictureWhateverTheirNumber)
+{
+    const auto renderPlain = [this](int servers) {
+        const Node node({"--server", KY_TEST_BINARY_DIR "/tests/kyTestPlainServer"});
+        const kyTest::ProgramResult result = render({node.address()}, servers);
+        EXPECT_EQ(result.exitCode, 0) << result.errors;
+        const std::string count = std::to_string(servers) + " of " + std::to_string(servers);
+        EXPECT_THAT(result.output, HasSubstr("\nrays:       cast without Embree by " + count));
+        return picture();
+    };
+    const kyTest::Picture alone = renderPlain(1);
+    EXPECT_GT(std::set<unsigned char>(alone.pixels.begin(), alone.pixels.end()).size(), 10U);
+    EXPECT_TRUE(renderPlain(3) == alone);
 }
 
 TEST_F(TALORender, everyCompressionMakesTheSamePicture)

@@ -144,7 +144,7 @@ void serveOrders(const std::shared_ptr<kySocketLink>& first, kyNetStream& stream
         throw std::runtime_error(std::string(1'000'000, 'x'));
     }
     const RenderChannels channels = s_lobby.waitForChannels(30.0);
-    answerSuccess(stream);
+    stream.sendSuccess() << false << kyNetStream::flush;
     const auto compressor = std::make_shared<MethodCompressor>();
     kyNetStream chain;
     chain.setRank(rank);
