@@ -1,6 +1,7 @@
 #include <NetBase/serialization/kyNetSerializer.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 
 #include <NetBase/buffers/kyNetBuffer.h>
@@ -13,6 +14,29 @@ namespace {
 {
     throw kyNetError("Unable to get " + std::to_string(size) +
                      " bytes in buffer. Max accessible bytes " + std::to_string(accessible));
+}
+
+/// Copies the first and the last bytes, as many as a register holds; together they are all.
+template <std::size_t Half> void copyEnds(char* to, const char* from, std::size_t size)
+{
+    std::array<char, Half> first;
+    std::array<char, Half> last;
+    std::memcpy(first.data(), from, Half);
+    std::memcpy(last.data(), from + size - Half, Half);
+    std::memcpy(to, first.data(), Half);
+    std::memcpy(to + size - Half, last.data(), Half);
+}
+
+/// Most texts are short: for them a call costs more than the copying.
+void copyText(char* to, const char* from, std::size_t size)
+{
+    if (size >= 16 && size <= 32) {
+        copyEnds<16>(to, from, size);
+    } else if (size >= 8 && size < 16) {
+        copyEnds<8>(to, from, size);
+    } else {
+        std::memcpy(to, from, size);
+    }
 }
 
 } // namespace
@@ -89,17 +113,25 @@ void kyNetSerializer::putValue(const char* text)
     if (text == nullptr) {
         text = "";
     }
-    const std::uint64_t length = std::strlen(text);
-    if (length >= std::numeric_limits<std::uint32_t>::max()) {
-        throw kyNetError("Unable to send a text of " + std::to_string(length) + " bytes");
+    const std::uint64_t size = std::strlen(text) + 1;
+    const auto length = static_cast<std::uint32_t>(size);
+    if (sizeof length + size < m_send.getSize()) {
+        char* const begin = m_send.position + sizeof length;
+        std::memcpy(m_send.position, &length, sizeof length);
+        copyText(begin, text, size);
+        m_send.position = begin + size;
+    } else {
+        putSplitText(text, size);
     }
-    putValue(static_cast<std::uint32_t>(length + 1));
-    putBytes(text, length + 1);
 }
 
-void kyNetSerializer::putValue(const std::string& text)
+void kyNetSerializer::putSplitText(const char* text, std::uint64_t size)
 {
-    putValue(text.c_str());
+    if (size > std::numeric_limits<std::uint32_t>::max()) {
+        throw kyNetError("Unable to send a text of " + std::to_string(size - 1) + " bytes");
+    }
+    putValue(static_cast<std::uint32_t>(size));
+    putBytes(text, size);
 }
 
 void kyNetSerializer::getValue(bool& value)
@@ -109,7 +141,7 @@ void kyNetSerializer::getValue(bool& value)
     value = byte != 0;
 }
 
-void kyNetSerializer::getValue(std::string& text)
+void kyNetSerializer::getSplitText(std::string& text)
 {
     std::uint32_t left = 0;
     getValue(left);

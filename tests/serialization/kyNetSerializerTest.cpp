@@ -520,6 +520,37 @@ TEST(kyNetSerializer, receivedTextKeepsZeroesInside)
     EXPECT_EQ(text, std::string("a\0b", 3));
 }
 
+TEST(kyNetSerializer, textsOfEveryLengthAndRoomKeepTheirBytes)
+{
+    const std::string letters =
+        "Short texts are copied in other ways than long ones, each up to a length of its own; and "
+        "all of them again in another way where a buffer ends.";
+    for (std::size_t length = 0; length <= 70; ++length) {
+        const std::string text = letters.substr(letters.size() - length);
+        for (std::size_t left = 1; left <= length + 8; ++left) {
+            Serializer serializer(200);
+            serializer.putBytes(std::string(200 - left, '.').data(), 200 - left);
+            serializer << text << 'X';
+            serializer.flushSendBuffer();
+
+            std::string expected(200 - left, '.');
+            expected += static_cast<char>(length + 1);
+            expected += std::string(3, '\0') + text + '\0' + 'X';
+            ASSERT_EQ(serializer.getSentData(), expected) << length << " bytes into " << left;
+
+            for (const Buffer& buffer : serializer.getSent()) {
+                serializer.give(dataOf(*buffer));
+            }
+            serializer.getBytes(expected.data(), 200 - left);
+            std::string again = "before";
+            char behind = 0;
+            serializer >> again >> behind;
+            ASSERT_EQ(again, text) << "at " << left << " bytes before the end";
+            ASSERT_EQ(behind, 'X');
+        }
+    }
+}
+
 TEST(kyNetSerializer, longTextCrossesManyBuffers)
 {
     for (const std::size_t length : {65534u, 65535u, 65536u, 65537u, 131071u, 131072u, 400000u}) {
