@@ -64,6 +64,10 @@ void writeResults(const bench::Results& results, const Arguments& arguments)
     std::filesystem::create_directories(folder);
     writeFile(folder / "results.csv", [&](std::ostream& out) { results.writeCsv(out); });
     writeFile(folder / "table.txt", [&](std::ostream& out) { results.writeTable(out); });
+    for (const std::string& workload : results.getWorkloads()) {
+        writeFile(folder / (workload + ".dat"),
+                  [&](std::ostream& out) { results.writePlotData(workload, out); });
+    }
     if (!arguments.newBaseline.empty()) {
         writeFile(arguments.newBaseline, [&](std::ostream& out) { results.writeBaseline(out); });
     }
@@ -101,7 +105,7 @@ int main(int argc, char** argv)
     program.add_option("--repetitions", arguments.effort.repetitions, "Runs of each contender")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
-    program.add_option("--folder", arguments.folder, "Gets results.csv and table.txt")
+    program.add_option("--folder", arguments.folder, "Gets results.csv, table.txt and data for plots")
         ->capture_default_str();
     program
         .add_option("--check", arguments.baseline,

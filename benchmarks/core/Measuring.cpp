@@ -61,7 +61,7 @@ private:
         try {
             m_samples[contender.name].push_back(m_workload.run(contender, m_effort.secondsPerRun));
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "\n%s, %s is left out: %s\n", m_workload.name.c_str(),
+            std::fprintf(stderr, "%s, %s is left out: %s\n", m_workload.name.c_str(),
                          contender.name.c_str(), e.what());
             m_failed.insert(contender.name);
             m_hasLibraryFailed |= contender.kind != Contender::Kind::Peer;
@@ -70,11 +70,12 @@ private:
 
     void enter(const Metric& metric, std::size_t index, const Contender& contender)
     {
-        Row& row = m_results.getRow(metric, contender);
+        Row row{m_workload.name, metric, contender.name, contender.kind, contender.reference, {}, {}};
         for (const Sample& sample : m_samples[contender.name]) {
             row.values.push_back(sample.values.at(index));
             row.processorMicroseconds.push_back(sample.processorMicroseconds);
         }
+        m_results.add(row);
     }
 
     Workload m_workload;
@@ -85,12 +86,55 @@ private:
     bool m_hasLibraryFailed = false;
 };
 
+/// False if the library has failed.
+bool measureInterleaved(const Workload& workload, const Effort& effort, const Moment& begin,
+                        Results& results)
+{
+    Measurement measurement(workload, effort, results);
+    int repetition = 0;
+    for (; repetition < effort.repetitions; ++repetition) {
+        const double seconds = Moment::now().secondsSince(begin);
+        if (seconds > effort.secondsInTotal) {
+            break;
+        }
+        std::fprintf(stderr, "%4.0f s  %s, %d of %d\n", seconds, workload.name.c_str(),
+                     repetition + 1, effort.repetitions);
+        measurement.repeat(repetition);
+    }
+    if (repetition > 0) {
+        measurement.finish();
+    }
+    if (repetition < effort.repetitions) {
+        std::fprintf(stderr, "The time is over after %d repetitions of %s\n", repetition,
+                     workload.name.c_str());
+    }
+    return repetition == effort.repetitions && !measurement.hasLibraryFailed();
+}
+
+bool measureAtOnce(const Workload& workload, const Effort& effort, Results& results)
+{
+    std::fprintf(stderr, "        %s\n", workload.name.c_str());
+    try {
+        for (Row row : workload.runAll(effort)) {
+            row.workload = workload.name;
+            results.add(row);
+        }
+        return true;
+    } catch (const NotBuilt& e) {
+        std::fprintf(stderr, "%s is left out: %s\n", workload.name.c_str(), e.what());
+        return true;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s is left out: %s\n", workload.name.c_str(), e.what());
+        return false;
+    }
+}
+
 } // namespace
 
 void Effort::makeQuick()
 {
     secondsPerRun = 0.12;
-    secondsInTotal = 110;
+    secondsInTotal = 105;
     withPeers = false;
 }
 
@@ -99,28 +143,10 @@ bool measure(const std::vector<Workload>& workloads, const Effort& effort, Resul
     const Moment begin = Moment::now();
     bool isDone = true;
     for (const Workload& workload : workloads) {
-        Measurement measurement(workload, effort, results);
-        int repetition = 0;
-        for (; repetition < effort.repetitions; ++repetition) {
-            const double seconds = Moment::now().secondsSince(begin);
-            if (seconds > effort.secondsInTotal) {
-                break;
-            }
-            std::fprintf(stderr, "\r%4.0f s  %s, %d of %d    \x1b[K", seconds,
-                         workload.name.c_str(), repetition + 1, effort.repetitions);
-            measurement.repeat(repetition);
-        }
-        if (repetition < effort.repetitions) {
-            std::fprintf(stderr, "\nThe time is over after %d repetitions of %s\n", repetition,
-                         workload.name.c_str());
-            isDone = false;
-        }
-        if (repetition > 0) {
-            measurement.finish();
-        }
-        isDone = isDone && !measurement.hasLibraryFailed();
+        isDone &= workload.runAll ? measureAtOnce(workload, effort, results)
+                                  : measureInterleaved(workload, effort, begin, results);
     }
-    std::fprintf(stderr, "\r%4.0f s\x1b[K\n", Moment::now().secondsSince(begin));
+    std::fprintf(stderr, "%4.0f s\n", Moment::now().secondsSince(begin));
     return isDone;
 }
 

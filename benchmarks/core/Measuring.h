@@ -7,20 +7,6 @@
 
 namespace bench {
 
-/// How long the measuring may take.
-struct Effort
-{
-    /// Runs of each contender.
-    int repetitions = 5;
-    /// What the measured part of a run takes.
-    double secondsPerRun = 0.4;
-    /// What all runs may take together: when that is over, no repetition is begun any more.
-    double secondsInTotal = 700;
-    bool withPeers = true;
-
-    void makeQuick();
-};
-
 /// Measures workloads, with the contenders interleaved: each repetition runs all of them once,
 /// beginning with another one each time, so that whatever else happens on the machine hits all of
 /// them alike. Tells on standard error how far it is and what could not be measured.

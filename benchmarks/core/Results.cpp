@@ -89,17 +89,6 @@ std::string takeQuoted(std::string& line)
 
 } // namespace
 
-Row& Results::getRow(const Metric& metric, const Contender& contender)
-{
-    for (Row& row : m_rows) {
-        if (row.metric.name == metric.name && row.contender == contender.name) {
-            return row;
-        }
-    }
-    return m_rows.emplace_back(
-        Row{metric, contender.name, contender.kind, contender.reference, {}, {}});
-}
-
 std::optional<double> Results::getRatio(const Row& row) const
 {
     const Row* reference = findReference(row);
@@ -150,6 +139,35 @@ void Results::writeCsv(std::ostream& out) const
             << ',' << median(row.processorMicroseconds) << ','
             << quote(reference != nullptr ? reference->contender : "") << ','
             << formatRatio(getRatio(row)) << ',' << formatRatio(getRatioToBestPeer(row)) << '\n';
+    }
+}
+
+std::vector<std::string> Results::getWorkloads() const
+{
+    std::vector<std::string> names;
+    for (const Row& row : m_rows) {
+        if (names.empty() || names.back() != row.workload) {
+            names.push_back(row.workload);
+        }
+    }
+    return names;
+}
+
+void Results::writePlotData(const std::string& workload, std::ostream& out) const
+{
+    std::string metric;
+    for (const Row& row : m_rows) {
+        if (row.workload != workload) {
+            continue;
+        }
+        if (row.metric.name != metric) {
+            out << (metric.empty() ? "" : "\n\n");
+            metric = row.metric.name;
+            out << quote(metric + ", " + row.metric.unit) << '\n';
+        }
+        out << quote(row.contender) << ' ' << static_cast<int>(row.kind) << ' '
+            << median(row.values) << ' ' << smallest(row.values) << ' ' << largest(row.values)
+            << '\n';
     }
 }
 

@@ -9,18 +9,6 @@
 
 namespace bench {
 
-/// What one contender has reached in one metric, over all repetitions.
-struct Row
-{
-    Metric metric;
-    std::string contender;
-    Contender::Kind kind = Contender::Kind::Library;
-    /// As in Contender.
-    std::string reference;
-    std::vector<double> values;
-    std::vector<double> processorMicroseconds;
-};
-
 /// All that was measured.
 ///
 /// A ratio compares medians and is above 1 where the first is better, whether that means more or
@@ -28,8 +16,8 @@ struct Row
 class Results
 {
 public:
-    /// The row of this metric and contender, a new one if there is none.
-    Row& getRow(const Metric& metric, const Contender& contender);
+    /// Adds a row; those of one metric follow each other.
+    void add(const Row& row) { m_rows.push_back(row); }
 
     const std::vector<Row>& getRows() const { return m_rows; }
 
@@ -45,6 +33,12 @@ public:
 
     /// For programs: a line for each row.
     void writeCsv(std::ostream& out) const;
+
+    /// The workloads that have rows.
+    std::vector<std::string> getWorkloads() const;
+
+    /// For plot.gp: a block for each metric of a workload.
+    void writePlotData(const std::string& workload, std::ostream& out) const;
 
     /// The ratios of the library's rows, for compareWithBaseline.
     void writeBaseline(std::ostream& out) const;

@@ -49,9 +49,7 @@ std::string readFile(const std::string& path)
 
 std::vector<Report> runOnce(const Contender& contender, double seconds)
 {
-    if (!std::filesystem::exists(programPath(contender.program))) {
-        throw NotBuilt(contender.program + " was not built");
-    }
+    requireProgram(contender.program);
     const TemporaryFolder folder;
     const std::string output = folder.getPath() + "/output";
     Terms terms = contender.terms;
@@ -73,6 +71,13 @@ std::vector<Report> runOnce(const Contender& contender, double seconds)
         reports.push_back(meeting.await(rank));
     }
     return reports;
+}
+
+void requireProgram(const std::string& name)
+{
+    if (!std::filesystem::exists(programPath(name))) {
+        throw NotBuilt(name + " was not built");
+    }
 }
 
 void waitForAll(std::vector<Process>& processes, double seconds, const std::string& output)

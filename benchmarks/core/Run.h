@@ -9,6 +9,8 @@
 
 namespace bench {
 
+class Process;
+
 /// Says that a contender's program was not built, since what it needs is not installed.
 class NotBuilt : public std::runtime_error
 {
@@ -42,8 +44,10 @@ private:
 /// The path of a program that was built beside this one.
 std::string programPath(const std::string& name);
 
+/// Throws NotBuilt if there is no such program.
+void requireProgram(const std::string& name);
+
 /// Waits for processes whose output goes to this file. Throws std::runtime_error as runOnce does.
-class Process;
 void waitForAll(std::vector<Process>& processes, double seconds, const std::string& output);
 
 } // namespace bench

@@ -25,7 +25,34 @@ struct Sample
     double processorMicroseconds = 0;
 };
 
-/// Work that the contenders do side by side.
+/// What one contender has reached in one metric, over all repetitions.
+struct Row
+{
+    std::string workload;
+    Metric metric;
+    std::string contender;
+    Contender::Kind kind = Contender::Kind::Library;
+    /// As in Contender.
+    std::string reference;
+    std::vector<double> values;
+    std::vector<double> processorMicroseconds;
+};
+
+/// How long the measuring may take.
+struct Effort
+{
+    /// Runs of each contender.
+    int repetitions = 5;
+    /// What the measured part of a run takes.
+    double secondsPerRun = 0.4;
+    /// What all runs may take together: when that is over, no repetition is begun any more.
+    double secondsInTotal = 690;
+    bool withPeers = true;
+
+    void makeQuick();
+};
+
+/// Work that contenders do side by side. It has either contenders and `run`, or `runAll`.
 struct Workload
 {
     std::string name;
@@ -33,6 +60,8 @@ struct Workload
     std::vector<Contender> contenders;
     /// Runs a contender once, for about so many seconds.
     std::function<Sample(const Contender&, double seconds)> run;
+    /// Runs contenders of its own, all repetitions of each.
+    std::function<std::vector<Row>(const Effort&)> runAll;
 };
 
 /// What a run of the pattern "oneWay" has reached: the messages a second of the slowest receiver,

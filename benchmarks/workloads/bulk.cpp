@@ -15,7 +15,7 @@ Workload bulk()
         limit("plain sockets", terms),
     };
     add(contenders, peers({"libzmq", "nng", "openMpi", "ucx"}, terms));
-    return {"bulk", {{"bulk", "GiB/s"}}, contenders, runForBytes};
+    return {"bulk", {{"bulk", "GiB/s"}}, contenders, runForBytes, {}};
 }
 
 } // namespace bench

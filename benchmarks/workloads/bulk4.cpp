@@ -15,7 +15,7 @@ Workload bulk4()
         limit("plain sockets, with readiness", terms),
     };
     add(contenders, peers({"libzmq", "nng", "openMpi"}, terms));
-    return {"bulk4", {{"bulk4", "GiB/s"}}, contenders, runForBytes};
+    return {"bulk4", {{"bulk4", "GiB/s"}}, contenders, runForBytes, {}};
 }
 
 } // namespace bench

@@ -50,7 +50,8 @@ Workload makeWorkload(const std::string& name, const std::string& file, std::uin
              {name + ", processor time", "s/GB", true},
              {name + ", ratio", "raw bytes a byte"}},
             contenders,
-            runCompressed};
+            runCompressed,
+            {}};
 }
 
 } // namespace

@@ -14,7 +14,7 @@ Workload encrypted()
         library("links, buffered on both sides", terms, "links buffered cipher"),
         {"the cipher alone, on one processor", Contender::Kind::Limit, "cipherAlone", alone, ""},
     };
-    return {"encrypted", {{"encrypted", "GiB/s"}}, contenders, runForBytes};
+    return {"encrypted", {{"encrypted", "GiB/s"}}, contenders, runForBytes, {}};
 }
 
 } // namespace bench

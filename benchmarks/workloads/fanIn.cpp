@@ -34,7 +34,7 @@ Workload fanInLarge()
         limit("plain sockets, with readiness", terms),
     };
     add(contenders, peers({"libzmq", "nng", "openMpi"}, terms));
-    return {"fanInLarge", {{"fan-in of 64, 131072 bytes", "GiB/s"}}, contenders, runForBytes};
+    return {"fanInLarge", {{"fan-in of 64, 131072 bytes", "GiB/s"}}, contenders, runForBytes, {}};
 }
 
 /// Small ones.
@@ -48,7 +48,8 @@ Workload fanInSmall()
         limit("plain sockets, 64 KiB at a time", terms, "gathered"),
     };
     add(contenders, peers({"libzmq", "nng", "openMpi"}, terms));
-    return {"fanInSmall", {{"fan-in of 64, 64 bytes", "million/s"}}, contenders, runForMessages};
+    return {
+        "fanInSmall", {{"fan-in of 64, 64 bytes", "million/s"}}, contenders, runForMessages, {}};
 }
 
 /// How the cost of a message grows with the connections that are silent. The ratios are to the
@@ -75,7 +76,8 @@ Workload fanInOneBusy()
     return {"fanInOneBusy",
             {{"fan-in, one busy, 64 bytes", "us/message", true}},
             contenders,
-            runForCost};
+            runForCost,
+            {}};
 }
 
 } // namespace bench

@@ -16,7 +16,7 @@ Workload fanOut()
         limit("plain sockets", terms),
     };
     add(contenders, peers({"libzmq", "nng", "openMpi"}, terms));
-    return {"fanOut", {{"fan-out to 4", "GiB/s each"}}, contenders, runForBytes};
+    return {"fanOut", {{"fan-out to 4", "GiB/s each"}}, contenders, runForBytes, {}};
 }
 
 } // namespace bench

@@ -32,7 +32,7 @@ Workload idle()
         limit("plain sockets", terms),
     };
     add(contenders, peers({"libzmq", "nng", "openMpi", "ucx"}, terms));
-    return {"idle", {{"idle", "of a processor left"}}, contenders, runIdle};
+    return {"idle", {{"idle", "of a processor left"}}, contenders, runIdle, {}};
 }
 
 } // namespace bench

@@ -33,7 +33,8 @@ Workload roundTrip()
     return {"roundTrip",
             {{"roundTrip, median", "us", true}, {"roundTrip, 99th percentile", "us", true}},
             contenders,
-            runRoundTrip};
+            runRoundTrip,
+            {}};
 }
 
 } // namespace bench

@@ -16,7 +16,7 @@ Workload small()
         limit(gathered, terms, "gathered"),
     };
     add(contenders, peers({"libzmq", "nng", "openMpi", "ucx"}, terms));
-    return {"small", {{"small", "million/s"}}, contenders, runForMessages};
+    return {"small", {{"small", "million/s"}}, contenders, runForMessages, {}};
 }
 
 } // namespace bench

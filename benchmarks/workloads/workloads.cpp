@@ -4,9 +4,20 @@ namespace bench {
 
 std::vector<Workload> allWorkloads()
 {
-    return {bulk(),       bulk4(),        small(),  roundTrip(),       fanInLarge(),
-            fanInSmall(), fanInOneBusy(), fanOut(), compressedTiles(), compressedGeometry(),
-            encrypted(),  idle()};
+    return {bulk(),
+            bulk4(),
+            small(),
+            roundTrip(),
+            fanInLarge(),
+            fanInSmall(),
+            fanInOneBusy(),
+            fanOut(),
+            compressedTiles(),
+            compressedGeometry(),
+            encrypted(),
+            idle(),
+            serializer(),
+            pool()};
 }
 
 } // namespace bench

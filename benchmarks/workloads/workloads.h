@@ -20,6 +20,10 @@ Workload compressedGeometry();
 Workload encrypted();
 Workload idle();
 
+/// Both in googleBenchmark.cpp: programs of their own, made with Google Benchmark.
+Workload serializer();
+Workload pool();
+
 /// All, in the order of the table.
 std::vector<Workload> allWorkloads();
 
