@@ -105,7 +105,8 @@ int main(int argc, char** argv)
     program.add_option("--repetitions", arguments.effort.repetitions, "Runs of each contender")
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
-    program.add_option("--folder", arguments.folder, "Gets results.csv, table.txt and data for plots")
+    program
+        .add_option("--folder", arguments.folder, "Gets results.csv, table.txt and data for plots")
         ->capture_default_str();
     program
         .add_option("--check", arguments.baseline,

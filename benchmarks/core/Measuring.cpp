@@ -70,7 +70,8 @@ private:
 
     void enter(const Metric& metric, std::size_t index, const Contender& contender)
     {
-        Row row{m_workload.name, metric, contender.name, contender.kind, contender.reference, {}, {}};
+        Row row{
+            m_workload.name, metric, contender.name, contender.kind, contender.reference, {}, {}};
         for (const Sample& sample : m_samples[contender.name]) {
             row.values.push_back(sample.values.at(index));
             row.processorMicroseconds.push_back(sample.processorMicroseconds);

@@ -19,6 +19,9 @@ Workload compressedTiles();
 Workload compressedGeometry();
 Workload encrypted();
 Workload idle();
+Workload serviceStatus();
+Workload serviceHandOver();
+Workload serviceStart();
 
 /// Both in googleBenchmark.cpp: programs of their own, made with Google Benchmark.
 Workload serializer();

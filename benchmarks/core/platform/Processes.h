@@ -34,9 +34,14 @@ public:
     /// Its exit code, or 128 and the number of the signal that ended it; once it has ended.
     int getExitCode() const { return m_exitCode; }
 
+    /// The processor time that it and those of its children that it has waited for have taken; once
+    /// it has ended.
+    double getProcessorSeconds() const { return m_processorSeconds; }
+
 private:
     int m_id = 0;
     int m_exitCode = -1;
+    double m_processorSeconds = 0;
 };
 
 } // namespace bench

@@ -44,6 +44,11 @@ void redirectOutput(const char* path)
     ::close(file);
 }
 
+double toSeconds(const timeval& time)
+{
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
+}
+
 } // namespace
 
 Process::Process(const Settings& settings)
@@ -83,7 +88,8 @@ Process::~Process()
     }
 }
 
-Process::Process(Process&& other) noexcept : m_id(other.m_id), m_exitCode(other.m_exitCode)
+Process::Process(Process&& other) noexcept
+    : m_id(other.m_id), m_exitCode(other.m_exitCode), m_processorSeconds(other.m_processorSeconds)
 {
     other.m_id = 0;
 }
@@ -91,7 +97,9 @@ Process::Process(Process&& other) noexcept : m_id(other.m_id), m_exitCode(other.
 bool Process::hasEnded()
 {
     int status = 0;
-    if (m_exitCode < 0 && ::waitpid(m_id, &status, WNOHANG) == m_id) {
+    rusage usage{};
+    if (m_exitCode < 0 && ::wait4(m_id, &status, WNOHANG, &usage) == m_id) {
+        m_processorSeconds = toSeconds(usage.ru_utime) + toSeconds(usage.ru_stime);
         m_exitCode = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     }
     return m_exitCode >= 0;
