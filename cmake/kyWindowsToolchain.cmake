@@ -22,10 +22,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-find_program(KY_WINE NAMES wine64 wine PATHS /usr/lib/wine)
-if(KY_WINE)
-    set(CMAKE_CROSSCOMPILING_EMULATOR "${KY_WINE}")
-endif()
+set(CMAKE_CROSSCOMPILING_EMULATOR "${CMAKE_CURRENT_LIST_DIR}/../scripts/run-under-wine.sh")
 
 # Packages that tell about themselves by pkg-config.
 set(ENV{PKG_CONFIG_LIBDIR} "${prefix}/lib/pkgconfig")

@@ -39,4 +39,7 @@ struct Resolved
 /// server they are those to listen on. Blocks while name servers are asked.
 Resolved resolve(const char* server, const char* port);
 
+/// What the resolver means by a code, in the system's words; "" if it has none.
+std::string describeFailure(int code);
+
 } // namespace kyAddresses

@@ -9,8 +9,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <tests/support/kyTestRegex.h>
+
+using kyTest::matchesRegex;
 using testing::ElementsAre;
-using testing::MatchesRegex;
 
 namespace {
 
@@ -89,9 +91,9 @@ TEST(kyLog, errorFormatsTextsOfAnyLength)
 TEST(kyLog, lineHasTimeSeverityAndLevel)
 {
     EXPECT_THAT(written([] { kyLog::infoI("hello", 6, true); }),
-                MatchesRegex(std::string(s_prefix) + "info  \\[6\\] hello\n"));
+                matchesRegex(std::string(s_prefix) + "info  \\[6\\] hello\n"));
     EXPECT_THAT(written([] { kyLog::error("hello"); }),
-                MatchesRegex(std::string(s_prefix) + "error \\[0\\] hello\n"));
+                matchesRegex(std::string(s_prefix) + "error \\[0\\] hello\n"));
 }
 
 TEST(kyLog, piecesContinueTheOpenLine)
@@ -102,7 +104,7 @@ TEST(kyLog, piecesContinueTheOpenLine)
                     kyLog::infoI("nother\r\n", 6, false);
                     kyLog::infoI("", 6, false);
                 }),
-                MatchesRegex(std::string(s_prefix) + "info  \\[6\\] one line\n" + s_prefix +
+                matchesRegex(std::string(s_prefix) + "info  \\[6\\] one line\n" + s_prefix +
                              "info  \\[6\\] and another\n"));
 }
 
@@ -117,7 +119,7 @@ TEST(kyLog, anotherSeverityOrLevelBeginsALineOfItsOwn)
                     kyLog::infoI("six", 6, false);
                     kyLog::infoI("three", 3, true);
                 }),
-                MatchesRegex(std::string(s_prefix) + "info  \\[6\\] no end\n" + s_prefix +
+                matchesRegex(std::string(s_prefix) + "info  \\[6\\] no end\n" + s_prefix +
                              "error \\[0\\] broken\n" + s_prefix + "info  \\[6\\] still here\n" +
                              s_prefix + "info  \\[6\\] six\n" + s_prefix +
                              "info  \\[3\\] three\n"));
@@ -127,7 +129,7 @@ TEST(kyLog, controlCharactersAreShownNotSent)
 {
     EXPECT_THAT(
         written([] { kyLog::infoI("\x1b[2J\ttab\x7f\x01", 6, true); }),
-        MatchesRegex(std::string(s_prefix) + "info  \\[6\\] \\\\x1b\\[2J\ttab\\\\x7f\\\\x01\n"));
+        matchesRegex(std::string(s_prefix) + "info  \\[6\\] \\\\x1b\\[2J\ttab\\\\x7f\\\\x01\n"));
 }
 
 TEST(kyLog, charactersOfOtherLanguagesStay)
@@ -137,7 +139,7 @@ TEST(kyLog, charactersOfOtherLanguagesStay)
                                  "che",
                                  6, true);
                 }),
-                MatchesRegex(std::string(s_prefix) + "info  \\[6\\] Fl\xc3\xa4"
+                matchesRegex(std::string(s_prefix) + "info  \\[6\\] Fl\xc3\xa4"
                                                      "che\n"));
 }
 

@@ -66,7 +66,8 @@ TEST(kyNumber, toDoubleFollowsTheRulesOfTheCLibrary)
                              "4.9e-324",
                              "1_000",
                              "1 2"}) {
-        const double expected = std::atof(text);
+        // What atof is by the standard; some libraries have an atof that knows less.
+        const double expected = std::strtod(text, nullptr);
         const double actual = kyNumber::toDouble(text);
         EXPECT_EQ(actual, expected) << '"' << text << '"';
     }
@@ -83,7 +84,7 @@ TEST(kyNumber, toDoubleAgreesWithTheCLibraryOnAnyText)
         for (char& character : text) {
             character = alphabet[random() % alphabet.size()];
         }
-        const double expected = std::atof(text.c_str());
+        const double expected = std::strtod(text.c_str(), nullptr);
         const double actual = kyNumber::toDouble(text);
         if (std::isnan(expected)) {
             EXPECT_TRUE(std::isnan(actual)) << '"' << text << '"';
@@ -158,7 +159,8 @@ TEST(kyNumber, toFixedTextHasSixDecimals)
 TEST(kyNumber, localeOfTheProcessChangesNothing)
 {
     qputenv("LOCPATH", KY_TEST_LOCALES);
-    ASSERT_NE(std::setlocale(LC_NUMERIC, "de_DE.UTF-8"), nullptr);
+    ASSERT_TRUE(std::setlocale(LC_NUMERIC, "de_DE.UTF-8") != nullptr ||
+                std::setlocale(LC_NUMERIC, "German_Germany") != nullptr);
     EXPECT_STREQ(std::localeconv()->decimal_point, ",");
     EXPECT_EQ(kyNumber::toDouble("9.5"), 9.5);
     EXPECT_EQ(kyNumber::toDouble("9,5"), 9.0);

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <string>
+
+#include <NetBase/platform/kyLastError.h>
+#include <tests/support/kyTestFileRights.h>
 
 namespace kyTest {
 
@@ -11,7 +15,8 @@ namespace kyTest {
 class Folder
 {
 public:
-    Folder() : m_path(std::filesystem::temp_directory_path() / uniqueName())
+    explicit Folder(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+        : m_path(parent / uniqueName())
     {
         std::filesystem::create_directory(m_path);
     }
@@ -38,9 +43,10 @@ public:
     /// The same, of a file that only its owner may read.
     std::string writeSecret(const std::string& name, const std::string& bytes) const
     {
-        using std::filesystem::perms;
+        // Rights that a former file of this name left behind would stay.
+        std::filesystem::remove(path(name));
         const std::string secret = write(name, bytes);
-        std::filesystem::permissions(secret, perms::owner_read | perms::owner_write);
+        setRights(secret, rightsOfTheOwner().back());
         return secret;
     }
 
@@ -59,6 +65,12 @@ private:
 
     std::filesystem::path m_path;
 };
+
+/// What is said of a file that is not there: the code and the system's text.
+inline std::string missingFileText()
+{
+    return std::to_string(ENOENT) + ":" + kyLastError::getText(ENOENT);
+}
 
 /// The bytes of a file.
 inline std::string readFile(const std::string& path)

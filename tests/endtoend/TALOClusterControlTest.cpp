@@ -21,6 +21,7 @@
 #include <tests/apps/kyTestKey.h>
 #include <tests/support/kyTestChildSystem.h>
 #include <tests/support/kyTestProgram.h>
+#include <tests/support/kyTestRegex.h>
 #include <tests/support/kyTestWait.h>
 
 namespace {
@@ -84,8 +85,8 @@ TEST(TALOClusterControl, statusIsATable)
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.errors, "");
     EXPECT_THAT(result.output,
-                testing::MatchesRegex("NODE +VERSION +SERVERS +FREE MEMORY +BOOKINGS\n" +
-                                      node.name() + " +11.0 +1 +[0-9.]+ GiB( or more)? +blue\n"));
+                kyTest::matchesRegex("NODE +VERSION +SERVERS +FREE MEMORY +BOOKINGS\n" +
+                                     node.name() + " +11.0 +1 +[0-9.]+ GiB( or more)? +blue\n"));
 }
 
 TEST(TALOClusterControl, statusIsJson)
@@ -137,7 +138,7 @@ TEST(TALOClusterControl, serversAreStartedAndStopped)
     const kyTest::ProgramResult started = control(
         {"start", "--node", node.name(), "--booking", "blue", "--display", "-Z", "scene one"});
     EXPECT_EQ(started.exitCode, 0) << started.errors;
-    EXPECT_THAT(started.output, testing::MatchesRegex("NODE +SERVER\n" + node.name() + " +1\n"));
+    EXPECT_THAT(started.output, kyTest::matchesRegex("NODE +SERVER\n" + node.name() + " +1\n"));
     EXPECT_THAT(node.client().status().getBookingIds(), testing::ElementsAre("blue"));
 
     EXPECT_EQ(controlJson({"start", "--node", node.name()})[0]["server"], 2);
@@ -145,7 +146,7 @@ TEST(TALOClusterControl, serversAreStartedAndStopped)
 
     const kyTest::ProgramResult stopped = control({"stop", "1", "--node", node.name()});
     EXPECT_EQ(stopped.exitCode, 0);
-    EXPECT_THAT(stopped.output, testing::MatchesRegex("NODE +RESULT\n" + node.name() + " +done\n"));
+    EXPECT_THAT(stopped.output, kyTest::matchesRegex("NODE +RESULT\n" + node.name() + " +done\n"));
     EXPECT_EQ(node.client().status().getNumberOfClusterServers(), 1);
 
     const kyTest::ProgramResult unknown = control({"stop", "1", "--node", node.name()});
@@ -206,10 +207,10 @@ TEST(TALOClusterControl, watchShowsWhatChanges)
         EXPECT_THAT(watch.readLine(), testing::StartsWith("NODE "));
         return watch.readLine();
     };
-    EXPECT_THAT(readRow(), testing::MatchesRegex(node.name() + " +11.0 +0 .*"));
+    EXPECT_THAT(readRow(), kyTest::matchesRegex(node.name() + " +11.0 +0 .*"));
     const auto server = node.client().startServer({});
     EXPECT_TRUE(kyTest::waitUntil([&] {
-        return testing::Value(readRow(), testing::MatchesRegex(node.name() + " +11.0 +1 .*"));
+        return testing::Value(readRow(), kyTest::matchesRegex(node.name() + " +11.0 +1 .*"));
     }));
     watch.interrupt();
     watch.wait();
@@ -238,7 +239,7 @@ TEST(TALOClusterControl, pingTellsSeconds)
     const kyTest::ProgramResult result = control({"ping", "--node", node.name()});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.output,
-                testing::MatchesRegex("NODE +SECONDS\n" + node.name() + " +[0-9]+.[0-9]+\n"));
+                kyTest::matchesRegex("NODE +SECONDS\n" + node.name() + " +[0-9]+.[0-9]+\n"));
     EXPECT_GT(controlJson({"ping", "--node", node.name()})[0]["seconds"], 0.0);
 }
 
@@ -299,8 +300,8 @@ TEST(TALOClusterControl, keyFileThatIsNoneIsAFailure)
     const kyTest::ProgramResult result = control({"status", "--key", path});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.output, "");
-    EXPECT_EQ(result.errors, "TALOClusterControl: Key file '" + path +
-                                 "' cannot be read. 2:No such file or directory\n");
+    EXPECT_EQ(result.errors, "TALOClusterControl: Key file '" + path + "' cannot be read. " +
+                                 kyTest::missingFileText() + "\n");
     EXPECT_EQ(control({"status", "--key"}).exitCode, 2);
 }
 

@@ -28,6 +28,7 @@
 #include <tests/apps/kyTestScene.h>
 #include <tests/support/kyTestProcesses.h>
 #include <tests/support/kyTestProgram.h>
+#include <tests/support/kyTestRegex.h>
 #include <tests/support/kyTestSocket.h>
 #include <tests/support/kyTestWait.h>
 
@@ -523,8 +524,8 @@ TEST_F(TALORender, refusesAKeyFileThatIsMissing)
     // One without a name is missing, too: what was to be hidden must not go out in clear.
     for (const std::string& missing : {m_folder.path("missing"), std::string()}) {
         EXPECT_EQ(complaint(arguments({}, 1, "2", {"--key", missing})),
-                  "TALORender: Key file '" + missing +
-                      "' cannot be read. 2:No such file or directory\n");
+                  "TALORender: Key file '" + missing + "' cannot be read. " +
+                      kyTest::missingFileText() + "\n");
     }
 }
 
@@ -608,8 +609,8 @@ TEST_F(TALORender, aServerKilledInTheMiddleCostsNoPixel)
     const kyTest::ProgramResult result = program.wait();
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_THAT(result.errors,
-                testing::MatchesRegex("TALORender: Lost server [12] on 127.0.0.1:[0-9]+: .*\n"));
-    EXPECT_THAT(result.output, testing::ContainsRegex(" unknown +unknown\n"));
+                kyTest::matchesRegex("TALORender: Lost server [12] on 127.0.0.1:[0-9]+: .*\n"));
+    EXPECT_THAT(result.output, kyTest::containsRegex(" unknown +unknown\n"));
     EXPECT_TRUE(picture() == alone);
 }
 
@@ -687,7 +688,7 @@ TEST_F(TALORender, aServerThatIsSuspendedBeforeTheSceneIsLostAndEnded)
         const Suspended suspended(process);
         cluster->loadScene(stage.studio.scene);
         ASSERT_EQ(cluster.warnings.size(), 1U);
-        EXPECT_THAT(cluster.warnings[0], testing::MatchesRegex(s_hangingPattern));
+        EXPECT_THAT(cluster.warnings[0], kyTest::matchesRegex(s_hangingPattern));
         EXPECT_TRUE(cluster.render(frames) == alone);
         EXPECT_EQ(cluster.warnings.size(), 1U);
         EXPECT_TRUE(haveEnded({process}, std::chrono::seconds(15)));
@@ -706,7 +707,7 @@ TEST_F(TALORender, aServerThatIsSuspendedBeforeAFrameIsLostAndEnded)
     const Suspended suspended(process);
     EXPECT_TRUE(cluster.render(frames) == alone);
     ASSERT_EQ(cluster.warnings.size(), 1U);
-    EXPECT_THAT(cluster.warnings[0], testing::MatchesRegex(s_hangingPattern));
+    EXPECT_THAT(cluster.warnings[0], kyTest::matchesRegex(s_hangingPattern));
     EXPECT_TRUE(haveEnded({process}, std::chrono::seconds(15)));
 }
 
@@ -727,7 +728,7 @@ TEST_F(TALORender, aServerThatIsSuspendedWhileItRendersIsLostAndEnded)
     EXPECT_TRUE(cluster.render(frames) == alone);
     suspending.get();
     ASSERT_EQ(cluster.warnings.size(), 1U);
-    EXPECT_THAT(cluster.warnings[0], testing::MatchesRegex(s_hangingPattern));
+    EXPECT_THAT(cluster.warnings[0], kyTest::matchesRegex(s_hangingPattern));
     EXPECT_TRUE(haveEnded({process}, std::chrono::seconds(15)));
 }
 
@@ -741,7 +742,7 @@ TEST_F(TALORender, aServerThatIsSuspendedAfterTheLastFrameDoesNotHoldUpTheReport
     const Suspended suspended(findServers().front());
     cluster->reportTraffic();
     ASSERT_EQ(cluster.warnings.size(), 1U);
-    EXPECT_THAT(cluster.warnings[0], testing::MatchesRegex(s_hangingPattern));
+    EXPECT_THAT(cluster.warnings[0], kyTest::matchesRegex(s_hangingPattern));
     int unknown = 0;
     for (const auto& server : cluster->getServers()) {
         unknown += server->getWork().received ? 0 : 1;
@@ -1066,7 +1067,7 @@ TEST_F(TALORender, aServerThatStopsAtAnyStepIsLostAlone)
         ASSERT_EQ(cluster.warnings.size(), 1U) << lie;
         EXPECT_THAT(cluster.warnings[0], HasSubstr(lying.address())) << lie;
         if (lie.find("silent") == 0) {
-            EXPECT_THAT(cluster.warnings[0], testing::MatchesRegex(s_hangingPattern)) << lie;
+            EXPECT_THAT(cluster.warnings[0], kyTest::matchesRegex(s_hangingPattern)) << lie;
         }
         const std::size_t lied = cluster->getServers()[0]->getWork().tiles;
         EXPECT_EQ(lied + cluster->getServers()[1]->getWork().tiles, 16U) << lie;

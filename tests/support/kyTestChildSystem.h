@@ -13,6 +13,9 @@ namespace kyTest {
 /// The path of a program that acts as a child; its last argument says what it does.
 std::string childProgram(const std::string& name = "kyTestChild");
 
+/// Lets this process write its bytes as they are, the ends of lines included.
+void writeBytesAsTheyAre();
+
 /// Makes this process deaf to polite requests to end.
 void ignoreTermination();
 

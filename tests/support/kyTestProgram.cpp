@@ -72,8 +72,8 @@ ProgramResult Program::wait()
         m_process->exitStatus() == QProcess::NormalExit) {
         result.exitCode = m_process->exitCode();
     }
-    result.output = m_process->readAllStandardOutput().toStdString();
-    result.errors = m_process->readAllStandardError().toStdString();
+    result.output = toText(m_process->readAllStandardOutput());
+    result.errors = toText(m_process->readAllStandardError());
     return result;
 }
 

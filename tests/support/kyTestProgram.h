@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+class QByteArray;
 class QProcess;
 
 /// Runs the programs of the project as their users do.
@@ -48,6 +49,10 @@ private:
 
 /// Runs a program to its end.
 ProgramResult runProgram(const std::string& path, const std::vector<std::string>& arguments);
+
+/// What a program has written, with the ends of lines that it wrote itself: some systems' libraries
+/// put others in their place. One source per system stands in platform/.
+std::string toText(const QByteArray& written);
 
 /// Sends a process what Ctrl-C sends it, or what the system's service manager does. One source per
 /// system stands in platform/.

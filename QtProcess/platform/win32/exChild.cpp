@@ -168,6 +168,10 @@ void appendArgument(std::wstring& line, const std::wstring& argument)
     line += L'"';
 }
 
+/// What the system passes on, without the zero at its end; a longer one is refused by it, or by
+/// some of its versions let through to programs that cannot read it.
+constexpr std::size_t s_longestCommandLine = 32766;
+
 std::wstring makeCommandLine(const std::vector<std::string>& arguments)
 {
     std::wstring line;
@@ -243,6 +247,9 @@ kyHandle spawn(const exChild::Order& order, Inheritance& inheritance, DWORD& id)
 {
     const std::wstring program = toWide(order.arguments.front());
     std::wstring line = makeCommandLine(order.arguments);
+    if (line.size() > s_longestCommandLine) {
+        return kyHandle();
+    }
     std::wstring environment;
     if (order.environment) {
         environment = makeEnvironment(*order.environment);

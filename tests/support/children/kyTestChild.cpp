@@ -227,6 +227,7 @@ int act(const std::string& name, const std::string& value)
 
 int main(int argc, char** argv)
 {
+    kyTest::writeBytesAsTheyAre();
     s_arguments.assign(argv, argv + argc);
     const std::string last = s_arguments.back();
     const std::size_t colon = last.find(':');

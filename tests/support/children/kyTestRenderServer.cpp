@@ -112,6 +112,7 @@ void takeClients(const std::string& name)
 
 int main(int argc, char** argv)
 {
+    kyTest::writeBytesAsTheyAre();
     s_arguments.assign(argv, argv + argc);
     const std::string& behaviour = s_arguments.back();
     if (behaviour == "deaf") {

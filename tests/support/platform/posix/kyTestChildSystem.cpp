@@ -26,6 +26,11 @@ std::string childProgram(const std::string& name)
     return KY_TEST_BINARY_DIR "/tests/children/" + name;
 }
 
+void writeBytesAsTheyAre()
+{
+    // As every process does.
+}
+
 void ignoreTermination()
 {
     ::signal(SIGTERM, SIG_IGN);

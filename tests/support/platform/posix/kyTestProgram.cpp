@@ -2,9 +2,15 @@
 
 #include <csignal>
 
+#include <QByteArray>
 #include <sys/types.h>
 
 namespace kyTest {
+
+std::string toText(const QByteArray& written)
+{
+    return written.toStdString();
+}
 
 void interruptProcess(long long processId)
 {

@@ -1,9 +1,12 @@
 #include <tests/support/kyTestChildSystem.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <system_error>
 #include <utility>
 
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 
 #include <Utils/platform/win32/kyHandle.h>
@@ -55,6 +58,12 @@ void ignoreControlKeys(bool isIgnored)
 std::string childProgram(const std::string& name)
 {
     return KY_TEST_BINARY_DIR "/tests/children/" + name + ".exe";
+}
+
+void writeBytesAsTheyAre()
+{
+    ::_setmode(::_fileno(stdout), _O_BINARY);
+    ::_setmode(::_fileno(stderr), _O_BINARY);
 }
 
 void ignoreTermination()

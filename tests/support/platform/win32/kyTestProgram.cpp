@@ -1,9 +1,16 @@
 #include <tests/support/kyTestProgram.h>
 
+#include <QByteArray>
+
 #include <QtProcess/platform/win32/exEndRequest.h>
 #include <Utils/platform/win32/kyHandle.h>
 
 namespace kyTest {
+
+std::string toText(const QByteArray& written)
+{
+    return QByteArray(written).replace("\r\n", "\n").toStdString();
+}
 
 void interruptProcess(long long processId)
 {

@@ -1,5 +1,6 @@
 #include <tests/support/kyTestSystem.h>
 
+#include <array>
 #include <atomic>
 #include <limits>
 #include <set>
@@ -59,12 +60,13 @@ std::string getKind(ULONG_PTR value)
 }
 
 /// Calls visit(value, kind) for every handle of this process but those that the thread library
-/// keeps for its own use, also of threads that have ended, and the folder of names that the system
-/// keeps from the first use of one.
+/// keeps for its own use, also of threads that have ended, and those that the system makes for a
+/// process by itself: folders of names, and the desktop.
 template <class Visit> void forEachHandle(Visit visit)
 {
-    static const std::set<std::string> s_kept{"",           "Directory", "Event",     "Key",
-                                              "KeyedEvent", "Mutant",    "Semaphore", "Thread"};
+    static const std::set<std::string> s_kept{"",       "Desktop",      "Directory", "Event",
+                                              "Key",    "KeyedEvent",   "Mutant",    "Semaphore",
+                                              "Thread", "WindowStation"};
     for (const ULONG_PTR value : getHandles()) {
         const std::string kind = getKind(value);
         if (s_kept.count(kind) == 0) {
@@ -83,6 +85,37 @@ void walk(DWORD list, First first, Next next, Visit visit)
     for (BOOL isThere = first(all.get(), &entry); isThere; isThere = next(all.get(), &entry)) {
         visit(entry);
     }
+}
+
+/// Whether a thread begins in the system's own library: one of a pool that the system keeps for
+/// calls that it makes itself, as long as it likes to.
+bool isThreadOfTheSystem(DWORD threadId)
+{
+    constexpr int querySetWin32StartAddress = 9;
+    const kyHandle thread(::OpenThread(THREAD_QUERY_INFORMATION, FALSE, threadId));
+    void* begin = nullptr;
+    HMODULE module = nullptr;
+    constexpr DWORD flags =
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+    return thread.isValid() &&
+           callOriginal<LONG>("ntdll.dll", "NtQueryInformationThread", thread.get(),
+                              querySetWin32StartAddress, &begin, static_cast<ULONG>(sizeof(begin)),
+                              static_cast<ULONG*>(nullptr)) == 0 &&
+           ::GetModuleHandleExW(flags, static_cast<LPCWSTR>(begin), &module) &&
+           module == ::GetModuleHandleW(L"ntdll.dll");
+}
+
+/// Whether a process runs a program of the system: one that the system starts by itself, in the
+/// name of a process that needs it, and keeps.
+bool isProgramOfTheSystem(DWORD processId)
+{
+    const kyHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+    std::array<wchar_t, MAX_PATH> folder{};
+    const UINT length = ::GetSystemWindowsDirectoryW(folder.data(), MAX_PATH);
+    std::array<wchar_t, 1024> path{};
+    DWORD size = static_cast<DWORD>(path.size());
+    return ::QueryFullProcessImageNameW(process.get(), 0, path.data(), &size) &&
+           ::_wcsnicmp(path.data(), folder.data(), length) == 0;
 }
 
 constexpr std::size_t s_unlimited = std::numeric_limits<std::size_t>::max();
@@ -248,10 +281,12 @@ std::size_t nextDescriptor()
 std::size_t countThreads()
 {
     std::size_t count = 0;
-    walk<THREADENTRY32>(TH32CS_SNAPTHREAD, ::Thread32First, ::Thread32Next,
-                        [&](const THREADENTRY32& thread) {
-                            count += thread.th32OwnerProcessID == ::GetCurrentProcessId() ? 1 : 0;
-                        });
+    walk<THREADENTRY32>(
+        TH32CS_SNAPTHREAD, ::Thread32First, ::Thread32Next, [&](const THREADENTRY32& thread) {
+            const bool isOwn = thread.th32OwnerProcessID == ::GetCurrentProcessId() &&
+                               !isThreadOfTheSystem(thread.th32ThreadID);
+            count += isOwn ? 1 : 0;
+        });
     return count;
 }
 
@@ -260,8 +295,10 @@ std::size_t countChildren()
     std::size_t count = 0;
     walk<PROCESSENTRY32W>(TH32CS_SNAPPROCESS, ::Process32FirstW, ::Process32NextW,
                           [&](const PROCESSENTRY32W& process) {
-                              count +=
-                                  process.th32ParentProcessID == ::GetCurrentProcessId() ? 1 : 0;
+                              const bool isOwn =
+                                  process.th32ParentProcessID == ::GetCurrentProcessId() &&
+                                  !isProgramOfTheSystem(process.th32ProcessID);
+                              count += isOwn ? 1 : 0;
                           });
     return count;
 }
