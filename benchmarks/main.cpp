@@ -74,18 +74,42 @@ void writeResults(const bench::Results& results, const Arguments& arguments)
     results.writeTable(std::cout);
 }
 
-bool keepsTo(const std::string& baseline, const bench::Results& results)
+std::vector<bench::Fall> compare(const std::string& baseline, const bench::Results& results)
 {
     std::ifstream file(baseline);
     if (!file) {
         throw std::runtime_error("cannot read " + baseline);
     }
-    const std::vector<std::string> fallen = results.compareWithBaseline(file);
-    for (const std::string& sentence : fallen) {
-        std::cout << "FELL  " << sentence << '\n';
+    return results.compareWithBaseline(file);
+}
+
+/// Where a ratio has fallen, measures that workload once more and longer: what counts is what falls
+/// twice.
+std::vector<bench::Fall> compareTwice(const Arguments& arguments, const bench::Results& results)
+{
+    std::vector<bench::Fall> fallen = compare(arguments.baseline, results);
+    if (fallen.empty()) {
+        return fallen;
+    }
+    std::vector<std::string> workloads;
+    for (const bench::Fall& fall : fallen) {
+        workloads.push_back(fall.workload);
+    }
+    bench::Effort effort = arguments.effort;
+    effort.repetitions *= 2;
+    bench::Results again;
+    bench::measure(select(bench::allWorkloads(), workloads), effort, again);
+    return compare(arguments.baseline, again);
+}
+
+bool keepsToBaseline(const Arguments& arguments, const bench::Results& results)
+{
+    const std::vector<bench::Fall> fallen = compareTwice(arguments, results);
+    for (const bench::Fall& fall : fallen) {
+        std::cout << "FELL  " << fall.sentence << '\n';
     }
     if (fallen.empty()) {
-        std::cout << "No ratio is more than 15 % below " << baseline << '\n';
+        std::cout << "No ratio is more than 15 % below " << arguments.baseline << '\n';
     }
     return fallen.empty();
 }
@@ -128,7 +152,7 @@ int main(int argc, char** argv)
         const bool isDone =
             bench::measure(select(all, arguments.workloads), arguments.effort, results);
         writeResults(results, arguments);
-        const bool isKept = arguments.baseline.empty() || keepsTo(arguments.baseline, results);
+        const bool isKept = arguments.baseline.empty() || keepsToBaseline(arguments, results);
         return isDone && isKept ? Done : Failed;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kyBenchmark: %s\n", e.what());

@@ -183,23 +183,25 @@ void Results::writeBaseline(std::ostream& out) const
     }
 }
 
-std::vector<std::string> Results::compareWithBaseline(std::istream& baseline) const
+std::vector<Fall> Results::compareWithBaseline(std::istream& baseline) const
 {
-    std::vector<std::string> fallen;
+    std::vector<Fall> fallen;
     std::string line;
     std::getline(baseline, line); // The names of the columns.
     while (std::getline(baseline, line)) {
         const std::string metric = takeQuoted(line);
         const std::string contender = takeQuoted(line);
         const double before = std::stod(line);
-        if (!hasMetric(metric)) {
+        const Row* any = findRow(metric, "");
+        if (any == nullptr) {
             continue;
         }
         const Row* row = findRow(metric, contender);
         const auto now = row != nullptr ? getRatio(*row) : std::nullopt;
         if (!now || *now < before * s_kept) {
-            fallen.push_back(metric + ": " + contender + " is at " + formatRatio(now) +
-                             " instead of " + format("%.2f", before));
+            fallen.push_back({any->workload, metric + ": " + contender + " is at " +
+                                                 formatRatio(now) + " instead of " +
+                                                 format("%.2f", before)});
         }
     }
     return fallen;
@@ -217,16 +219,10 @@ const Row* Results::findReference(const Row& row) const
     return nullptr;
 }
 
-bool Results::hasMetric(const std::string& name) const
-{
-    return std::any_of(m_rows.begin(), m_rows.end(),
-                       [&](const Row& row) { return row.metric.name == name; });
-}
-
 const Row* Results::findRow(const std::string& metric, const std::string& contender) const
 {
     const auto found = std::find_if(m_rows.begin(), m_rows.end(), [&](const Row& row) {
-        return row.metric.name == metric && row.contender == contender;
+        return row.metric.name == metric && (contender.empty() || row.contender == contender);
     });
     return found != m_rows.end() ? &*found : nullptr;
 }

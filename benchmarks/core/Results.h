@@ -9,6 +9,13 @@
 
 namespace bench {
 
+/// A ratio that is too far below that of a baseline.
+struct Fall
+{
+    std::string workload;
+    std::string sentence;
+};
+
 /// All that was measured.
 ///
 /// A ratio compares medians and is above 1 where the first is better, whether that means more or
@@ -43,14 +50,14 @@ public:
     /// The ratios of the library's rows, for compareWithBaseline.
     void writeBaseline(std::ostream& out) const;
 
-    /// The ratios that are by more than 15 % below those of a baseline, a sentence for each. Only
-    /// metrics that were measured are compared; a contender that is missing there is one that fell.
-    /// Throws std::runtime_error for a line that is none of a baseline's.
-    std::vector<std::string> compareWithBaseline(std::istream& baseline) const;
+    /// The ratios that are by more than 15 % below those of a baseline. Only metrics that were
+    /// measured are compared; a contender that is missing there is one that fell. Throws
+    /// std::runtime_error for a line that is none of a baseline's.
+    std::vector<Fall> compareWithBaseline(std::istream& baseline) const;
 
 private:
     const Row* findReference(const Row& row) const;
-    bool hasMetric(const std::string& name) const;
+    /// Of any contender, if the name is empty.
     const Row* findRow(const std::string& metric, const std::string& contender) const;
 
     std::vector<Row> m_rows;
