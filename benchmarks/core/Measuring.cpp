@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <set>
 
 #include <benchmarks/core/Run.h>
@@ -15,8 +16,8 @@ namespace {
 class Measurement
 {
 public:
-    Measurement(Workload workload, const Effort& effort, Results& results)
-        : m_workload(std::move(workload)), m_effort(effort), m_results(results)
+    Measurement(Workload workload, const Effort& effort)
+        : m_workload(std::move(workload)), m_effort(effort)
     {
         auto& contenders = m_workload.contenders;
         if (!effort.withPeers) {
@@ -28,9 +29,17 @@ public:
         }
     }
 
-    /// Every contender once.
+    const std::string& getName() const { return m_workload.name; }
+
+    /// Every contender once; a workload that has its own way all at once, the first time.
     void repeat(int repetition)
     {
+        if (m_workload.runAll) {
+            if (repetition == 0) {
+                runAll();
+            }
+            return;
+        }
         const std::size_t count = m_workload.contenders.size();
         for (std::size_t i = 0; i < count; ++i) {
             const Contender& contender =
@@ -41,13 +50,17 @@ public:
         }
     }
 
-    /// Enters what was measured, in the order of the contenders.
-    void finish()
+    /// Enters what was measured, in the order of the metrics and contenders.
+    void finish(Results& results) const
     {
+        for (const Row& row : m_rows) {
+            results.add(row);
+        }
         for (std::size_t i = 0; i < m_workload.metrics.size(); ++i) {
             for (const Contender& contender : m_workload.contenders) {
-                if (m_failed.count(contender.name) == 0) {
-                    enter(m_workload.metrics[i], i, contender);
+                const auto samples = m_samples.find(contender.name);
+                if (samples != m_samples.end() && m_failed.count(contender.name) == 0) {
+                    results.add(makeRow(i, contender, samples->second));
                 }
             }
         }
@@ -61,74 +74,56 @@ private:
         try {
             m_samples[contender.name].push_back(m_workload.run(contender, m_effort.secondsPerRun));
         } catch (const std::exception& e) {
-            std::fprintf(stderr, "%s, %s is left out: %s\n", m_workload.name.c_str(),
-                         contender.name.c_str(), e.what());
+            leaveOut(m_workload.name + ", " + contender.name, e);
             m_failed.insert(contender.name);
             m_hasLibraryFailed |= contender.kind != Contender::Kind::Peer;
         }
     }
 
-    void enter(const Metric& metric, std::size_t index, const Contender& contender)
+    void runAll()
     {
-        Row row{
-            m_workload.name, metric, contender.name, contender.kind, contender.reference, {}, {}};
-        for (const Sample& sample : m_samples[contender.name]) {
-            row.values.push_back(sample.values.at(index));
+        try {
+            m_rows = m_workload.runAll(m_effort);
+            for (Row& row : m_rows) {
+                row.workload = m_workload.name;
+            }
+        } catch (const NotBuilt& e) {
+            leaveOut(m_workload.name, e);
+        } catch (const std::exception& e) {
+            leaveOut(m_workload.name, e);
+            m_hasLibraryFailed = true;
+        }
+    }
+
+    static void leaveOut(const std::string& what, const std::exception& why)
+    {
+        std::fprintf(stderr, "%s is left out: %s\n", what.c_str(), why.what());
+    }
+
+    Row makeRow(std::size_t metric, const Contender& contender,
+                const std::vector<Sample>& samples) const
+    {
+        Row row{m_workload.name,
+                m_workload.metrics[metric],
+                contender.name,
+                contender.kind,
+                contender.reference,
+                {},
+                {}};
+        for (const Sample& sample : samples) {
+            row.values.push_back(sample.values.at(metric));
             row.processorMicroseconds.push_back(sample.processorMicroseconds);
         }
-        m_results.add(row);
+        return row;
     }
 
     Workload m_workload;
     const Effort m_effort;
-    Results& m_results;
-    std::map<std::string, std::vector<Sample>> m_samples;
+    std::map<std::string, std::vector<Sample>> m_samples; ///< by contender
     std::set<std::string> m_failed;
+    std::vector<Row> m_rows; ///< of runAll
     bool m_hasLibraryFailed = false;
 };
-
-/// False if the library has failed.
-bool measureInterleaved(const Workload& workload, const Effort& effort, const Moment& begin,
-                        Results& results)
-{
-    Measurement measurement(workload, effort, results);
-    int repetition = 0;
-    for (; repetition < effort.repetitions; ++repetition) {
-        const double seconds = Moment::now().secondsSince(begin);
-        if (seconds > effort.secondsInTotal) {
-            break;
-        }
-        std::fprintf(stderr, "%4.0f s  %s, %d of %d\n", seconds, workload.name.c_str(),
-                     repetition + 1, effort.repetitions);
-        measurement.repeat(repetition);
-    }
-    if (repetition > 0) {
-        measurement.finish();
-    }
-    if (repetition < effort.repetitions) {
-        std::fprintf(stderr, "The time is over after %d repetitions of %s\n", repetition,
-                     workload.name.c_str());
-    }
-    return repetition == effort.repetitions && !measurement.hasLibraryFailed();
-}
-
-bool measureAtOnce(const Workload& workload, const Effort& effort, Results& results)
-{
-    std::fprintf(stderr, "        %s\n", workload.name.c_str());
-    try {
-        for (Row row : workload.runAll(effort)) {
-            row.workload = workload.name;
-            results.add(row);
-        }
-        return true;
-    } catch (const NotBuilt& e) {
-        std::fprintf(stderr, "%s is left out: %s\n", workload.name.c_str(), e.what());
-        return true;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "%s is left out: %s\n", workload.name.c_str(), e.what());
-        return false;
-    }
-}
 
 } // namespace
 
@@ -141,14 +136,32 @@ void Effort::makeQuick()
 
 bool measure(const std::vector<Workload>& workloads, const Effort& effort, Results& results)
 {
-    const Moment begin = Moment::now();
-    bool isDone = true;
+    std::vector<Measurement> measurements;
     for (const Workload& workload : workloads) {
-        isDone &= workload.runAll ? measureAtOnce(workload, effort, results)
-                                  : measureInterleaved(workload, effort, begin, results);
+        measurements.emplace_back(workload, effort);
     }
-    std::fprintf(stderr, "%4.0f s\n", Moment::now().secondsSince(begin));
-    return isDone;
+    const Moment begin = Moment::now();
+    bool isInTime = true;
+    for (int repetition = 0; repetition < effort.repetitions; ++repetition) {
+        for (Measurement& measurement : measurements) {
+            const double seconds = Moment::now().secondsSince(begin);
+            isInTime = isInTime && seconds < effort.secondsInTotal;
+            if (isInTime) {
+                std::fprintf(stderr, "%4.0f s  %d of %d  %s\n", seconds, repetition + 1,
+                             effort.repetitions, measurement.getName().c_str());
+                measurement.repeat(repetition);
+            }
+        }
+    }
+    if (!isInTime) {
+        std::fputs("The time is over: not every workload has all of its repetitions.\n", stderr);
+    }
+    bool hasLibraryFailed = false;
+    for (const Measurement& measurement : measurements) {
+        measurement.finish(results);
+        hasLibraryFailed |= measurement.hasLibraryFailed();
+    }
+    return !hasLibraryFailed;
 }
 
 } // namespace bench

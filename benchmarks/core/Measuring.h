@@ -7,11 +7,12 @@
 
 namespace bench {
 
-/// Measures workloads, with the contenders interleaved: each repetition runs all of them once,
-/// beginning with another one each time, so that whatever else happens on the machine hits all of
-/// them alike. Tells on standard error how far it is and what could not be measured.
+/// Measures workloads. Each repetition runs every contender of every workload once, and begins with
+/// another contender each time, so that whatever else happens on the machine hits all of them
+/// alike; when the time is over, all have about the same number of repetitions. Tells on standard
+/// error how far it is and what could not be measured.
 ///
-/// False if the library has failed in one of them, or the time was over before all were measured.
+/// False if the library or a limit has failed in one of them.
 bool measure(const std::vector<Workload>& workloads, const Effort& effort, Results& results);
 
 } // namespace bench

@@ -76,11 +76,12 @@ private:
     std::uint64_t m_number = 0;
 };
 
-/// Sends for so many seconds.
-void sendFor(Source& source, Phase phase, double seconds, std::uint64_t size)
+/// Sends for so many seconds. With a window each message may take long.
+void sendFor(Source& source, Phase phase, double seconds, const Terms& terms)
 {
     const Moment begin = Moment::now();
-    const std::uint64_t untilLook = std::max<std::uint64_t>(1, s_bytesBetweenLooks / size);
+    const std::uint64_t bytes = terms.window > 0 ? 0 : s_bytesBetweenLooks;
+    const std::uint64_t untilLook = std::max<std::uint64_t>(1, bytes / terms.size);
     do {
         for (std::uint64_t i = 0; i < untilLook; ++i) {
             source.send(phase);
@@ -91,9 +92,9 @@ void sendFor(Source& source, Phase phase, double seconds, std::uint64_t size)
 void sendOneWay(const Terms& terms, const Content& content, Channel& channel, Meeting& meeting)
 {
     Source source(terms, content, channel);
-    sendFor(source, Phase::WarmUp, terms.seconds * s_warmUp, terms.size);
+    sendFor(source, Phase::WarmUp, terms.seconds * s_warmUp, terms);
     const Moment begin = Moment::now();
-    sendFor(source, Phase::Measured, terms.seconds, terms.size);
+    sendFor(source, Phase::Measured, terms.seconds, terms);
     source.send(Phase::Last);
     channel.flush();
     const double processorSeconds = Moment::now().processorSecondsSince(begin);
