@@ -15,7 +15,8 @@
 /// It makes a buffer each time a request finds it empty, hands returned ones out in the order in
 /// which they came back, and never shrinks: its size is the largest number of buffers that were
 /// ever held at once. A buffer comes as it was returned, with the header, data and send mode of
-/// its last use: whoever takes one sets all that it relies on.
+/// its last use: whoever takes one sets all that it relies on. Nothing is allocated for taking and
+/// releasing those that are there, what a shared pointer keeps beside a buffer included.
 ///
 /// Threads: any number at once, without a lock. Buffers may be released at any time, also after
 /// their pool is gone and while the process ends.

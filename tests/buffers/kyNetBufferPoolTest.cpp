@@ -1,6 +1,7 @@
 #include <NetBase/buffers/kyNetBufferPool.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <tests/support/kyTestMemory.h>
 
 namespace {
 
@@ -190,6 +193,92 @@ TEST(kyNetBufferPool, anyThreadMayReturnABuffer)
     kyNetBuffer* const first = buffer.get();
     std::thread([moved = std::move(buffer)]() mutable { moved.reset(); }).join();
     EXPECT_EQ(pool.get().get(), first);
+}
+
+TEST(kyNetBufferPool, weakPointerKeepsNoBufferFromComingBack)
+{
+    kyNetBufferPool pool;
+    kyNetBuffer* const first = pool.get().get();
+    std::vector<std::weak_ptr<kyNetBuffer>> ends;
+    for (int i = 0; i < 5; ++i) {
+        const Buffer buffer = pool.get();
+        EXPECT_EQ(buffer.get(), first);
+        ends.push_back(buffer);
+    }
+    for (const std::weak_ptr<kyNetBuffer>& end : ends) {
+        EXPECT_TRUE(end.expired());
+    }
+}
+
+TEST(kyNetBufferPool, weakPointersOutliveTheirPool)
+{
+    std::weak_ptr<kyNetBuffer> end;
+    {
+        kyNetBufferPool pool;
+        end = pool.get();
+    }
+    EXPECT_EQ(end.lock(), nullptr);
+}
+
+TEST(kyNetBufferPool, takingAndReleasingAllocatesNothing)
+{
+    kyNetBufferPool pool;
+    Buffers held;
+    held.reserve(100);
+    pool.getMany(100, held);
+    held.clear();
+
+    const kyTest::CountedMemory memory;
+    for (int round = 0; round < 1000; ++round) {
+        pool.get();
+        pool.getMany(100, held);
+        held.clear();
+    }
+    EXPECT_EQ(memory.getCount(), 0);
+    // Beside the zero, which would also be if nothing were counted.
+    pool.getMany(101, held);
+    EXPECT_GT(memory.getCount(), 0);
+}
+
+TEST(kyNetBufferPool, takingInOneThreadAndReleasingInAnotherAllocatesNothing)
+{
+    constexpr int messages = 20000;
+    kyNetBufferPool pool;
+    // What is on the way, so many at most, and beside it one that is just taken or released.
+    std::array<Buffer, 4> onTheWay;
+    std::array<std::atomic<bool>, 4> isFull{};
+    {
+        Buffers held;
+        pool.getMany(static_cast<int>(onTheWay.size()) + 2, held);
+    }
+    std::atomic<bool> isStarted{false};
+    std::thread consumer([&] {
+        isStarted = true;
+        for (std::size_t i = 0; i < messages; ++i) {
+            const std::size_t place = i % onTheWay.size();
+            while (!isFull[place]) {
+                std::this_thread::yield();
+            }
+            onTheWay[place].reset();
+            isFull[place] = false;
+        }
+    });
+    while (!isStarted) {
+        std::this_thread::yield();
+    }
+    {
+        const kyTest::CountedMemory memory;
+        for (std::size_t i = 0; i < messages; ++i) {
+            const std::size_t place = i % onTheWay.size();
+            while (isFull[place]) {
+                std::this_thread::yield();
+            }
+            onTheWay[place] = pool.get();
+            isFull[place] = true;
+        }
+        EXPECT_EQ(memory.getCount(), 0);
+    }
+    consumer.join();
 }
 
 TEST(kyNetBufferPool, noTwoThreadsEverHoldTheSameBuffer)

@@ -1,6 +1,6 @@
 #pragma once
 
-/// How tests make the memory run out.
+/// How tests count requests for memory, and make it run out.
 namespace kyTest {
 
 /// While it lives, one request of the calling thread for memory fails: the one behind so many that
@@ -27,6 +27,20 @@ public:
 
     NoMemoryElsewhere(const NoMemoryElsewhere&) = delete;
     NoMemoryElsewhere& operator=(const NoMemoryElsewhere&) = delete;
+};
+
+/// Counts the requests of all threads for memory while it lives. One at a time.
+class CountedMemory
+{
+public:
+    CountedMemory();
+    ~CountedMemory();
+
+    CountedMemory(const CountedMemory&) = delete;
+    CountedMemory& operator=(const CountedMemory&) = delete;
+
+    /// How many there have been.
+    int getCount() const;
 };
 
 } // namespace kyTest
