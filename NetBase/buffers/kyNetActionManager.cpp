@@ -1,8 +1,9 @@
 #include <NetBase/buffers/kyNetActionManager.h>
 
 #include <algorithm>
-#include <thread>
 #include <utility>
+
+#include <NetBase/platform/kyThreads.h>
 
 kyNetActionManager::kyNetActionManager(int maxRunning) : m_maxRunning(maxRunning) {}
 
@@ -14,7 +15,8 @@ void kyNetActionManager::run(std::function<void()> action)
         ++m_running;
     }
     try {
-        std::thread(&kyNetActionManager::threadFunction, this, std::move(action)).detach();
+        kyThreads::startDetached(
+            [this, action = std::move(action)]() mutable { threadFunction(std::move(action)); });
     } catch (...) {
         finish();
         throw;

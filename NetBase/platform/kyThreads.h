@@ -1,9 +1,16 @@
 #pragma once
 
-/// Which processors threads run on.
+#include <functional>
+
+/// Threads that nobody waits for, and which processors threads run on.
 ///
-/// All functions act on the calling thread, may be called from any thread and never throw.
+/// All functions may be called from any thread. Those about processors act on the calling thread
+/// and never throw.
 namespace kyThreads {
+
+/// Runs the action, which throws nothing, on a new thread that belongs to nobody. Throws
+/// std::system_error if the system gives no thread.
+void startDetached(std::function<void()> action);
 
 /// How many threads the machine runs at the same time, at least 1.
 unsigned countHardwareThreads();

@@ -17,6 +17,7 @@
 #include <NetBase/links/kyBoundSocketLink.h>
 #include <NetBase/links/kySocketAddress.h>
 #include <NetBase/links/kySocketLink.h>
+#include <NetBase/platform/kyThreads.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <NetBase/service/kyNetClientVersion.h>
 #include <NetBase/service/kyNetServerProcess.h>
@@ -287,7 +288,9 @@ void kyNetService::connectService(kyNetStream& stream)
     std::string host;
     std::uint32_t port = 0;
     stream >> host >> port;
-    std::thread(relay, stream.getFirstLink(), host, static_cast<int>(port)).detach();
+    kyThreads::startDetached([client = stream.getFirstLink(), host, port] {
+        relay(client, host, static_cast<int>(port));
+    });
 }
 
 void kyNetService::relay(const std::shared_ptr<kyNetLink>& client, const std::string& host,
@@ -311,9 +314,9 @@ void kyNetService::relay(const std::shared_ptr<kyNetLink>& client, const std::st
         // Buffers are passed on as they are: a cipher is now the affair of the two ends.
         client->setCipher(nullptr);
         // The answer is out before anything that the other service says can be.
-        std::thread(connectLinks, client, remote).detach();
+        kyThreads::startDetached([client, remote] { connectLinks(client, remote); });
         try {
-            std::thread(connectLinks, remote, client).detach();
+            kyThreads::startDetached([client, remote] { connectLinks(remote, client); });
         } catch (...) {
             client->shutdown();
             remote->shutdown();
@@ -461,7 +464,7 @@ std::string kyNetService::runInProcess()
     static kyNetService service(kyNetOptions::getDefaultServicePort(), "");
     static const std::shared_ptr<kyBoundSocketLink> listener = [] {
         auto bound = service.listen();
-        std::thread([] { service.run(); }).detach();
+        kyThreads::startDetached([] { service.run(); });
         return bound;
     }();
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <utility>
 
 #include <sched.h>
 #include <unistd.h>
@@ -26,6 +27,11 @@ ProcessorSet getProcessorsOfProcess()
 const ProcessorSet s_processorsAtStart = getProcessorsOfProcess();
 
 } // namespace
+
+void kyThreads::startDetached(std::function<void()> action)
+{
+    std::thread(std::move(action)).detach();
+}
 
 unsigned kyThreads::countHardwareThreads()
 {

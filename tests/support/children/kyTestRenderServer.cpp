@@ -12,6 +12,7 @@
 #include <NetBase/buffers/kyConnectionClosed.h>
 #include <NetBase/links/kySocketLink.h>
 #include <NetBase/links/kySocketPipe.h>
+#include <NetBase/platform/kyThreads.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <NetBase/service/kyNetService.h>
 #include <Utils/kyPlatform.h>
@@ -101,7 +102,8 @@ void takeClients(const std::string& name)
     kySocketPipe pipe(name);
     try {
         for (;;) {
-            std::thread(serve, std::make_shared<kySocketLink>(pipe, -1.0)).detach();
+            const auto client = std::make_shared<kySocketLink>(pipe, -1.0);
+            kyThreads::startDetached([client] { serve(client); });
         }
     } catch (const kyConnectionClosed&) {
         // No more will come.
