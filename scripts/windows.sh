@@ -26,7 +26,8 @@ mkdir -p "$WINEPREFIX"
 wineserver --persistent >/dev/null 2>&1
 trap 'wineserver --kill' EXIT
 wineboot --update </dev/null >/dev/null 2>&1
-ctest --preset windows --parallel "$(nproc)" "$@"
+# Twice as many as there are processors: a program's start is mostly waiting for the server.
+ctest --preset windows --parallel "$((2 * $(nproc)))" "$@"
 echo "Not run, as they cannot hold there:"
 sed -n 's/^[^#]/    &/p' tests/windowsExceptions.txt
 
