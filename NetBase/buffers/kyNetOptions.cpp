@@ -5,6 +5,7 @@
 std::atomic<std::int32_t> kyNetOptions::m_dataCompression{-1};
 std::atomic<std::int32_t> kyNetOptions::m_imageCompression{-1};
 std::atomic<std::int32_t> kyNetOptions::m_streamBufferSize{-1};
+std::atomic<std::int32_t> kyNetOptions::m_receivePolling{-1};
 
 kyNetCompression kyNetOptions::getDataCompression()
 {
@@ -37,4 +38,15 @@ int kyNetOptions::getStreamBufferSize()
 void kyNetOptions::setStreamBufferSize(int size)
 {
     m_streamBufferSize = std::min(size, getMaxStreamBufferSize());
+}
+
+int kyNetOptions::getReceivePolling()
+{
+    const std::int32_t set = m_receivePolling;
+    return set >= 0 ? set : getDefaultReceivePolling();
+}
+
+void kyNetOptions::setReceivePolling(int microseconds)
+{
+    m_receivePolling = std::min(microseconds, getMaxReceivePolling());
 }

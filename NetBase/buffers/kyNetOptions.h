@@ -6,7 +6,7 @@
 #include <NetBase/buffers/kyNetHeader.h>
 #include <NetBase/kyNetBaseExport.h>
 
-/// Every tuning number of the library, and three settings that the application may change.
+/// Every tuning number of the library, and four settings that the application may change.
 ///
 /// Set them before streams and chains start: each part reads a setting when it needs it, so a
 /// later change reaches a running chain at no particular moment. All members may be called from
@@ -93,9 +93,26 @@ public:
     /// the default of 131072.
     static void setStreamBufferSize(int size);
 
+    /// Upper bound of the receive polling in microseconds.
+    static constexpr int getMaxReceivePolling() { return 10000; }
+
+    /// The receive polling that holds until one is set, in microseconds: what a peer on another
+    /// processor takes to answer, and a few times of what waking a sleeping thread costs.
+    static constexpr int getDefaultReceivePolling() { return 100; }
+
+    /// Microseconds that a receive with nothing to receive asks again, yielding the processor
+    /// between, before it sleeps; 0 if it sleeps at once. See kyPollWindow.
+    static int getReceivePolling();
+
+    /// Sets the receive polling in microseconds. 0 turns it off, for a machine whose processors
+    /// have enough other work; larger values than 10000 become that, and a negative one restores
+    /// the default of 100.
+    static void setReceivePolling(int microseconds);
+
 private:
     // Negative: not set.
     static std::atomic<std::int32_t> m_dataCompression;
     static std::atomic<std::int32_t> m_imageCompression;
     static std::atomic<std::int32_t> m_streamBufferSize;
+    static std::atomic<std::int32_t> m_receivePolling;
 };

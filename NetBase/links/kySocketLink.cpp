@@ -275,7 +275,7 @@ void kySocketLink::recv(void* data, std::uint64_t length)
     auto* position = static_cast<std::uint8_t*>(data);
     while (length > 0) {
         kyLastError::clear();
-        const kySockets::Transfer received = kySockets::receive(use.getHandle(), position, length);
+        const kySockets::Transfer received = receiveSome(use.getHandle(), position, length);
         if (received.outcome == Outcome::TimedOut) {
             throw kyConnectionTimeout();
         }
@@ -295,6 +295,23 @@ void kySocketLink::recv(void* data, std::uint64_t length)
             throw kyConnectionClosed();
         }
     }
+}
+
+/// Waits for at least one byte.
+kySockets::Transfer kySocketLink::receiveSome(kySocketHandle handle, void* data,
+                                              std::uint64_t length)
+{
+    kySockets::Transfer received{};
+    m_pollWindow.await(
+        [&] {
+            received = kySockets::tryReceive(handle, data, length);
+            return received.outcome != Outcome::WouldBlock;
+        },
+        [&] {
+            kyLastError::clear();
+            received = kySockets::receive(handle, data, length);
+        });
+    return received;
 }
 
 std::uint64_t kySocketLink::peekAvailable(void* data, std::uint64_t max)

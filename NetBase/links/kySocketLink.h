@@ -8,6 +8,7 @@
 
 #include <NetBase/kyNetBaseExport.h>
 #include <NetBase/links/kyNetLink.h>
+#include <NetBase/links/kyPollWindow.h>
 #include <NetBase/links/kySocketAddress.h>
 #include <NetBase/platform/kySocketHandle.h>
 
@@ -16,6 +17,10 @@ class kyNetInterfaceOptions;
 class kyNetStream;
 class kySharedSocket;
 class kySocketPipe;
+
+namespace kySockets {
+struct Transfer;
+}
 
 /// The link over TCP.
 ///
@@ -36,6 +41,10 @@ class kySocketPipe;
 /// Failures: a peer that is gone and a link that is shut down give kyConnectionClosed, an expired
 /// receive kyConnectionTimeout, everything else kyNetError with the failing call and the system's
 /// text. A failed receive shuts the link down, unless it timed out; a failed send does not.
+///
+/// Waiting: a receive polls for a tenth of a millisecond before it sleeps, yielding the processor
+/// between, as kyNetOptions::setReceivePolling says; a link that this brings nothing stops it. A
+/// limit of setRecvTimeout begins behind it.
 ///
 /// Limits: a time-out in the middle of a buffer loses the bytes that have come so far, and the
 /// stream of buffers with them. Who wants to go on after a time-out asks pollReadable first.
@@ -173,10 +182,12 @@ protected:
 
 private:
     void prepareTransfers();
+    kySockets::Transfer receiveSome(kySocketHandle handle, void* data, std::uint64_t length);
 
     static std::atomic<bool> s_initialized;
     static std::mutex s_closeMutex; ///< Held while any link of the process is shut down.
 
     std::atomic<kySocketHandle> m_descriptor{s_invalidSocketHandle};
     std::shared_ptr<kySharedSocket> m_socket;
+    kyPollWindow m_pollWindow; ///< Of whoever receives.
 };

@@ -78,6 +78,9 @@ Transfer send(kySocketHandle handle, const void* data, std::uint64_t length);
 /// Receives what is there, waiting for at least one byte unless the socket does not block.
 Transfer receive(kySocketHandle handle, void* data, std::uint64_t length);
 
+/// As receive, but never waits: WouldBlock if nothing is there, on every socket.
+Transfer tryReceive(kySocketHandle handle, void* data, std::uint64_t length);
+
 /// As receive, but the bytes stay unread.
 Transfer peek(kySocketHandle handle, void* data, std::uint64_t length);
 

@@ -19,6 +19,7 @@ private:
         kyNetOptions::setDataCompression(static_cast<kyNetCompression>(-1));
         kyNetOptions::setImageCompression(static_cast<kyNetCompression>(-1));
         kyNetOptions::setStreamBufferSize(-1);
+        kyNetOptions::setReceivePolling(-1);
     }
 };
 
@@ -34,6 +35,7 @@ TEST(kyNetOptions, nothingIsSetAtFirst)
     EXPECT_EQ(kyNetOptions::getDataCompression(), method(2));
     EXPECT_EQ(kyNetOptions::getImageCompression(), method(0));
     EXPECT_EQ(kyNetOptions::getStreamBufferSize(), 131072);
+    EXPECT_EQ(kyNetOptions::getReceivePolling(), 100);
 }
 
 TEST(kyNetOptions, fixedValues)
@@ -106,5 +108,16 @@ TEST_F(kyNetOptionsTest, streamBufferSizeIsBounded)
         kyNetOptions::setStreamBufferSize(5);
         kyNetOptions::setStreamBufferSize(set);
         EXPECT_EQ(kyNetOptions::getStreamBufferSize(), read) << set;
+    }
+}
+
+TEST_F(kyNetOptionsTest, receivePollingIsBoundedAndCanBeTurnedOff)
+{
+    const int times[][2] = {{0, 0},         {1, 1},         {100, 100}, {9999, 9999},
+                            {10000, 10000}, {10001, 10000}, {-1, 100},  {-1000, 100}};
+    for (const auto& [set, read] : times) {
+        kyNetOptions::setReceivePolling(5);
+        kyNetOptions::setReceivePolling(set);
+        EXPECT_EQ(kyNetOptions::getReceivePolling(), read) << set;
     }
 }

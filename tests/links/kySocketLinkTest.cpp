@@ -21,6 +21,7 @@
 #include <NetBase/platform/kySockets.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <tests/links/kyLinkFixtures.h>
+#include <tests/support/kyTestPolling.h>
 
 namespace {
 
@@ -208,6 +209,58 @@ TEST(kySocketLink, receivesABufferThatIsSplitAnywhere)
         });
         EXPECT_TRUE(receiver.isBlocked());
         ends.peer.send(bytes.substr(split));
+        receiver.finish();
+    }
+}
+
+// How a receive waits
+
+TEST(kySocketLink, receivesAlikeHoweverLongItPolls)
+{
+    for (const int microseconds : {0, 1, kyNetOptions::getMaxReceivePolling()}) {
+        const kyTest::ReceivePolling polling(microseconds);
+        LinkAndPeer ends;
+        ends.link->setRecvTimeout(0.05);
+        std::shared_ptr<kyNetBuffer> received;
+        for (int i = 0; i < 6; ++i) { // More often than it takes to give polling up.
+            EXPECT_THROW(ends.link->recv(received), kyConnectionTimeout);
+        }
+        ends.link->setRecvTimeout(0.0);
+        const std::string bytes = bytesOf(*makeBuffer(50));
+        Blocked receiver([&] {
+            for (int i = 0; i < 100; ++i) {
+                ends.link->recv(received);
+                EXPECT_EQ(bytesOf(*received), bytes);
+            }
+        });
+        EXPECT_TRUE(receiver.isBlocked());
+        for (int i = 0; i < 100; ++i) {
+            ends.peer.send(bytes.substr(0, 30));
+            std::this_thread::yield();
+            ends.peer.send(bytes.substr(30));
+        }
+        receiver.finish();
+        ends.peer.send(bytes.substr(0, 30));
+        ends.peer.reset();
+        EXPECT_THROW(ends.link->recv(received), kyConnectionClosed);
+        EXPECT_THROW(ends.link->checkAlive(), kyConnectionClosed);
+    }
+}
+
+TEST(kySocketLink, endsAReceiveWhileItPolls)
+{
+    const kyTest::ReceivePolling polling(kyNetOptions::getMaxReceivePolling());
+    for (int i = 0; i < 100; ++i) {
+        LinkPair ends;
+        Blocked receiver([&] {
+            char byte = 0;
+            EXPECT_THROW(ends.first->recv(&byte, 1), kyConnectionClosed);
+        });
+        if (i % 2 == 0) {
+            ends.first->shutdown();
+        } else {
+            ends.second->shutdown();
+        }
         receiver.finish();
     }
 }

@@ -88,20 +88,22 @@ ssize_t receiveRepeating(kySocketHandle handle, void* data, std::uint64_t length
     return count;
 }
 
+Transfer toTransfer(ssize_t received)
+{
+    if (received > 0) {
+        return {static_cast<std::uint64_t>(received), Outcome::Done};
+    }
+    return {0, received == 0 ? Outcome::EndOfStream : judge(errno)};
+}
+
 Transfer receiveWith(kySocketHandle handle, void* data, std::uint64_t length, int flags)
 {
-    const ssize_t count = receiveRepeating(handle, data, length, flags);
-    if (count > 0) {
-        return {static_cast<std::uint64_t>(count), Outcome::Done};
+    Transfer transfer = toTransfer(receiveRepeating(handle, data, length, flags));
+    if (transfer.outcome == Outcome::WouldBlock &&
+        getReceiveTimeout(handle) != Clock::duration::zero()) {
+        transfer.outcome = Outcome::TimedOut;
     }
-    if (count == 0) {
-        return {0, Outcome::EndOfStream};
-    }
-    Outcome outcome = judge(errno);
-    if (outcome == Outcome::WouldBlock && getReceiveTimeout(handle) != Clock::duration::zero()) {
-        outcome = Outcome::TimedOut;
-    }
-    return {0, outcome};
+    return transfer;
 }
 
 template <class Value>
@@ -257,6 +259,12 @@ Transfer send(kySocketHandle handle, const void* data, std::uint64_t length)
 Transfer receive(kySocketHandle handle, void* data, std::uint64_t length)
 {
     return receiveWith(handle, data, length, 0);
+}
+
+Transfer tryReceive(kySocketHandle handle, void* data, std::uint64_t length)
+{
+    return toTransfer(
+        repeat([&] { return ::recv(toDescriptor(handle), data, length, MSG_DONTWAIT); }));
 }
 
 Transfer peek(kySocketHandle handle, void* data, std::uint64_t length)

@@ -369,6 +369,17 @@ Transfer receive(kySocketHandle handle, void* data, std::uint64_t length)
     return receiveWith(handle, data, length, 0);
 }
 
+Transfer tryReceive(kySocketHandle handle, void* data, std::uint64_t length)
+{
+    // The system cannot be told so for one call. What is no bytes, an end or a failure, is left
+    // for the call that waits.
+    std::uint64_t count = 0;
+    if (!getAvailable(handle, count) || count == 0) {
+        return {0, Outcome::WouldBlock};
+    }
+    return receive(handle, data, length);
+}
+
 Transfer peek(kySocketHandle handle, void* data, std::uint64_t length)
 {
     return receiveWith(handle, data, length, MSG_PEEK);

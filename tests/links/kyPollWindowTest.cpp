@@ -1,0 +1,164 @@
+#include <NetBase/links/kyPollWindow.h>
+
+#include <chrono>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include <NetBase/buffers/kyNetOptions.h>
+#include <tests/support/kyTestPolling.h>
+#include <tests/support/kyTestWait.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using kyTest::ReceivePolling;
+
+/// Waits through a window and counts what it does.
+class Waiter
+{
+public:
+    /// Waits for what is there at the n-th look, or else comes while it sleeps.
+    void waitForLook(int n)
+    {
+        m_looks = 0;
+        m_sleeps = 0;
+        window.await([&] { return ++m_looks == n; }, [&] { ++m_sleeps; });
+    }
+    void waitInVain() { waitForLook(-1); }
+
+    int looks() const { return m_looks; }
+    int sleeps() const { return m_sleeps; }
+
+    kyPollWindow window;
+
+private:
+    int m_looks = 0;
+    int m_sleeps = 0;
+};
+
+void closeWindow(Waiter& waiter)
+{
+    while (waiter.window.isOpen()) {
+        waiter.waitInVain();
+    }
+}
+
+} // namespace
+
+TEST(kyPollWindow, neitherPollsNorSleepsForWhatIsThere)
+{
+    Waiter waiter;
+    waiter.waitForLook(1);
+    EXPECT_EQ(waiter.looks(), 1);
+    EXPECT_EQ(waiter.sleeps(), 0);
+}
+
+TEST(kyPollWindow, looksAgainBeforeItSleeps)
+{
+    const ReceivePolling polling(kyNetOptions::getMaxReceivePolling());
+    Waiter waiter;
+    // A machine under load may take the whole window away.
+    EXPECT_TRUE(kyTest::waitUntil([&] {
+        waiter.waitForLook(3);
+        return waiter.looks() == 3 && waiter.sleeps() == 0;
+    }));
+}
+
+TEST(kyPollWindow, sleepsWhenTheTimeIsOver)
+{
+    for (const int microseconds : {1, 100, 2000}) {
+        const ReceivePolling polling(microseconds);
+        Waiter waiter;
+        const auto begin = Clock::now();
+        waiter.waitInVain();
+        EXPECT_GE(Clock::now() - begin, std::chrono::microseconds(microseconds));
+        EXPECT_EQ(waiter.sleeps(), 1);
+    }
+}
+
+TEST(kyPollWindow, sleepsAtOnceWithoutPolling)
+{
+    const ReceivePolling polling(0);
+    Waiter waiter;
+    for (int i = 0; i < 10; ++i) {
+        waiter.waitForLook(1);
+        EXPECT_EQ(waiter.looks(), 0);
+        EXPECT_EQ(waiter.sleeps(), 1);
+    }
+    EXPECT_TRUE(waiter.window.isOpen());
+}
+
+TEST(kyPollWindow, closesAfterFourLongWaitsInARow)
+{
+    const ReceivePolling polling(10);
+    Waiter waiter;
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_TRUE(waiter.window.isOpen()) << i;
+        waiter.waitInVain();
+    }
+    EXPECT_FALSE(waiter.window.isOpen());
+    waiter.waitInVain();
+    EXPECT_EQ(waiter.looks(), 1); // It might be there already, but is not waited for.
+    EXPECT_EQ(waiter.sleeps(), 1);
+}
+
+TEST(kyPollWindow, whatIsThereAlreadyNeitherClosesNorOpensIt)
+{
+    const ReceivePolling polling(10);
+    Waiter waiter;
+    closeWindow(waiter);
+    for (int i = 0; i < 10; ++i) {
+        waiter.waitForLook(1);
+    }
+    EXPECT_FALSE(waiter.window.isOpen());
+}
+
+TEST(kyPollWindow, staysOpenWhilePollingPays)
+{
+    const ReceivePolling polling(kyNetOptions::getMaxReceivePolling());
+    Waiter waiter;
+    for (int i = 0; i < 3; ++i) {
+        waiter.waitInVain();
+    }
+    EXPECT_TRUE(kyTest::waitUntil([&] {
+        waiter.waitForLook(2);
+        return waiter.sleeps() == 0 || !waiter.window.isOpen();
+    }));
+    ASSERT_EQ(waiter.sleeps(), 0); // Forgets those that did not.
+    for (int i = 0; i < 3; ++i) {
+        waiter.waitInVain();
+        EXPECT_TRUE(waiter.window.isOpen());
+    }
+}
+
+TEST(kyPollWindow, opensAfterAShortSleep)
+{
+    Waiter waiter;
+    {
+        const ReceivePolling polling(1);
+        closeWindow(waiter);
+    }
+    const ReceivePolling polling(kyNetOptions::getMaxReceivePolling());
+    EXPECT_TRUE(kyTest::waitUntil([&] {
+        waiter.waitInVain();
+        return waiter.window.isOpen();
+    }));
+    EXPECT_EQ(waiter.looks(), 1);
+}
+
+TEST(kyPollWindow, staysClosedWhileSleepsAreLong)
+{
+    const ReceivePolling polling(10);
+    kyPollWindow window;
+    for (int i = 0; i < 10; ++i) {
+        window.await([] { return false; },
+                     [] {
+                         const auto end = Clock::now() + std::chrono::microseconds(10);
+                         while (Clock::now() < end) {
+                             std::this_thread::yield();
+                         }
+                     });
+        EXPECT_EQ(window.isOpen(), i < 3);
+    }
+}
