@@ -48,6 +48,13 @@ bool kyNetLink::pinRecvHandle(std::uint32_t& handle)
 
 void kyNetLink::unpinRecvHandle() {}
 
+void kyNetLink::sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers)
+{
+    for (const auto& buffer : buffers) {
+        send(buffer);
+    }
+}
+
 std::shared_ptr<kyNetBuffer> kyNetLink::encryptBuffer(const std::shared_ptr<kyNetBuffer>& buffer)
 {
     if (!m_cipher) {

@@ -72,6 +72,10 @@ public:
     /// Ends the promise of a successful pinRecvHandle; may close the handle.
     virtual void unpinRecvHandle();
 
+    /// Sends the buffers in their order as send does; a transport that can hands several of them
+    /// to the system together. After a failure nothing says which of them the peer has.
+    virtual void sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers);
+
     /// Identifier of this end, 0 until whoever builds the graph of links sets it.
     std::uint32_t getId() const { return m_id; }
     void setId(std::uint32_t id) { m_id = id; }
@@ -92,6 +96,9 @@ public:
     void setCipher(const std::shared_ptr<kyNetCipherBase>& cipher) { m_cipher = cipher; }
 
 protected:
+    /// Whether buffers are encrypted on their way to the wire.
+    bool hasCipher() const { return m_cipher != nullptr; }
+
     /// The buffer as it goes on the wire: itself without a cipher, else an encrypted copy from
     /// the pool. The given buffer is never changed, so it can go over several links.
     std::shared_ptr<kyNetBuffer> encryptBuffer(const std::shared_ptr<kyNetBuffer>& buffer);

@@ -1,6 +1,7 @@
 #include <NetBase/links/kySocketLink.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <limits>
@@ -76,6 +77,18 @@ kySocketHandle recvDescriptor(kySocketPipe& pipe, double timeout)
 {
     kySocketLink::initialize();
     return static_cast<kySocketHandle>(pipe.recvSocket(timeout));
+}
+
+/// Leaves of the blocks what is to be sent when so many bytes have been.
+void dropSent(kySockets::Block*& blocks, std::size_t& count, std::uint64_t sent)
+{
+    for (; count > 0 && sent >= blocks->length; --count) {
+        sent -= (blocks++)->length;
+    }
+    if (sent > 0) {
+        blocks->data = static_cast<const std::uint8_t*>(blocks->data) + sent;
+        blocks->length -= sent;
+    }
 }
 
 /// What one poll says about one socket; None when the time is over.
@@ -225,6 +238,22 @@ void kySocketLink::send(const std::shared_ptr<kyNetBuffer>& buffer)
     send(encrypted->getBuffer(), encrypted->getBufferSize());
 }
 
+void kySocketLink::sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers)
+{
+    if (hasCipher()) {
+        kyNetLink::sendMany(buffers);
+        return;
+    }
+    std::array<kySockets::Block, kySockets::s_mostBlocks> blocks;
+    for (auto buffer = buffers.begin(); buffer != buffers.end();) {
+        std::size_t count = 0;
+        for (; buffer != buffers.end() && count < blocks.size(); ++buffer, ++count) {
+            blocks[count] = {(*buffer)->getBuffer(), (*buffer)->getBufferSize()};
+        }
+        sendAll(blocks.data(), count);
+    }
+}
+
 void kySocketLink::recv(std::shared_ptr<kyNetBuffer>& buffer)
 {
     buffer = kyNetBufferPool::pop();
@@ -244,23 +273,29 @@ void kySocketLink::recv(std::shared_ptr<kyNetBuffer>& buffer)
 
 void kySocketLink::send(const void* data, std::uint64_t length)
 {
+    kySockets::Block block{data, length};
+    sendAll(&block, 1);
+}
+
+/// Uses the blocks up.
+void kySocketLink::sendAll(kySockets::Block* blocks, std::size_t count)
+{
     const Use use(getSocket());
     if (isClosed()) {
         throw kyConnectionClosed();
     }
-    const auto* position = static_cast<const std::uint8_t*>(data);
-    while (length > 0) {
+    dropSent(blocks, count, 0);
+    while (count > 0) {
         kyLastError::clear();
-        const kySockets::Transfer sent = kySockets::send(use.getHandle(), position, length);
+        const kySockets::Transfer sent = kySockets::send(use.getHandle(), blocks, count);
         if (sent.outcome != Outcome::Done) {
             if (isClosed() || sent.outcome == Outcome::PeerGone) {
                 throw kyConnectionClosed();
             }
             throwLastError("send error. ");
         }
-        position += sent.count;
-        length -= sent.count;
-        if (length > 0 && isClosed()) {
+        dropSent(blocks, count, sent.count);
+        if (count > 0 && isClosed()) {
             throw kyConnectionClosed();
         }
     }

@@ -1,10 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <NetBase/kyNetBaseExport.h>
 #include <NetBase/links/kyNetLink.h>
@@ -19,8 +21,9 @@ class kySharedSocket;
 class kySocketPipe;
 
 namespace kySockets {
+struct Block;
 struct Transfer;
-}
+} // namespace kySockets
 
 /// The link over TCP.
 ///
@@ -103,6 +106,10 @@ public:
     void signalHPCNetSocket();
 
     void send(const std::shared_ptr<kyNetBuffer>& buffer) override;
+
+    /// Hands the buffers to the system up to 64 at a time. With a cipher each goes on its own, so
+    /// that the peer decrypts one while the next is encrypted.
+    void sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers) override;
     void recv(std::shared_ptr<kyNetBuffer>& buffer) override;
     void shutdown() override;
 
@@ -182,6 +189,7 @@ protected:
 
 private:
     void prepareTransfers();
+    void sendAll(kySockets::Block* blocks, std::size_t count);
     kySockets::Transfer receiveSome(kySocketHandle handle, void* data, std::uint64_t length);
 
     static std::atomic<bool> s_initialized;

@@ -72,8 +72,19 @@ struct Accepted
 /// Takes a waiting connection from a listening socket that does not block.
 Accepted accept(kySocketHandle listening);
 
-/// Sends what fits, at least one byte unless the socket does not block.
-Transfer send(kySocketHandle handle, const void* data, std::uint64_t length);
+/// Bytes to send.
+struct Block
+{
+    const void* data;
+    std::uint64_t length;
+};
+
+/// How many blocks one send takes; it leaves those behind them alone.
+constexpr std::size_t s_mostBlocks = 64;
+
+/// Sends what fits of the blocks, one after the other, at least one byte unless the socket does
+/// not block.
+Transfer send(kySocketHandle handle, const Block* blocks, std::size_t count);
 
 /// Receives what is there, waiting for at least one byte unless the socket does not block.
 Transfer receive(kySocketHandle handle, void* data, std::uint64_t length);

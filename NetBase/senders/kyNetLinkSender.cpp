@@ -29,6 +29,11 @@ void kyNetLinkSender::send(const std::shared_ptr<kyNetBuffer>& buffer)
     m_link->send(buffer);
 }
 
+void kyNetLinkSender::sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers)
+{
+    m_link->sendMany(buffers);
+}
+
 void kyNetLinkSender::getLinks(std::vector<std::shared_ptr<kyNetLink>>& links)
 {
     links.push_back(m_link);

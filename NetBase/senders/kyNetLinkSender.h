@@ -24,6 +24,9 @@ public:
     /// Sends over the link and blocks as that does.
     void send(const std::shared_ptr<kyNetBuffer>& buffer) override;
 
+    /// Sends all of them with one call of the link.
+    void sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers) override;
+
 protected:
     void getLinks(std::vector<std::shared_ptr<kyNetLink>>& links) override;
 

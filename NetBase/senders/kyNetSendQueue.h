@@ -77,6 +77,12 @@ public:
     /// Takes the next buffer if there is one.
     bool tryPop(Buffer& buffer) { return m_buffers.try_pop(buffer); }
 
+    /// Whether at least so many wait, as far as can be told at any moment.
+    bool hasWaiting(std::size_t count) const
+    {
+        return m_buffers.size() >= static_cast<std::ptrdiff_t>(count); // Negative if workers wait.
+    }
+
     /// Says that so many of the taken buffers are passed on, or dropped.
     void release(std::uint64_t count) { m_pending -= count; }
 

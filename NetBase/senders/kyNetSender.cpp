@@ -92,6 +92,13 @@ void kyNetSender::waitAllDataTransfered()
     }
 }
 
+void kyNetSender::sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers)
+{
+    for (const auto& buffer : buffers) {
+        send(buffer);
+    }
+}
+
 void kyNetSender::shutdown()
 {
     for (const auto& link : getLinks()) {

@@ -79,6 +79,10 @@ public:
     /// Blocks until threads below have passed on all that was sent; at once without threads.
     virtual void waitAllDataTransfered();
 
+    /// Sends the buffers in their order as send does; a sender that can passes them on together.
+    /// After a failure nothing says which of them have been sent.
+    virtual void sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers);
+
     /// Every link that is reached through this sender, in the order of the children.
     std::vector<std::shared_ptr<kyNetLink>> getLinks();
 

@@ -147,6 +147,24 @@ TEST_P(kyLinkConformance, carriesBuffersOfEverySize)
     sender.finish();
 }
 
+TEST_P(kyLinkConformance, carriesManyBuffersThatAreSentTogether)
+{
+    std::vector<std::shared_ptr<kyNetBuffer>> buffers;
+    for (unsigned i = 0; i < 150; ++i) {
+        buffers.push_back(makeBuffer(s_sizes[i % s_sizes.size()], i));
+    }
+    Blocked sender([&] {
+        m_ends.first->sendMany({});
+        m_ends.first->sendMany(buffers);
+        m_ends.first->sendMany({buffers.front()});
+    });
+    for (const auto& buffer : buffers) {
+        ASSERT_EQ(receive(*m_ends.second), bytesOf(*buffer));
+    }
+    EXPECT_EQ(receive(*m_ends.second), bytesOf(*buffers.front()));
+    sender.finish();
+}
+
 TEST_P(kyLinkConformance, carriesBothDirectionsAtOnce)
 {
     const auto sendAll = [](kyNetLink& link, unsigned seed) {

@@ -117,6 +117,19 @@ TEST(kyNetLink, appendsOneReceivedBufferToTheQueue)
     EXPECT_EQ(queue.back(), second);
 }
 
+TEST(kyNetLink, sendsManyOneAfterTheOther)
+{
+    PlainLink link;
+    const std::vector<std::shared_ptr<kyNetBuffer>> buffers{makeBuffer(1), makeBuffer(2)};
+    link.sendMany(buffers);
+    link.sendMany({});
+    std::shared_ptr<kyNetBuffer> received;
+    for (const auto& buffer : buffers) {
+        link.recv(received);
+        EXPECT_EQ(received, buffer);
+    }
+}
+
 TEST(kyNetLink, encryptsNothingWithoutACipher)
 {
     PlainLink link;

@@ -44,6 +44,25 @@ void closeWindow(Waiter& waiter)
     }
 }
 
+/// So many receives find something without a wait.
+void findAtOnce(Waiter& waiter, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        waiter.waitForLook(1);
+    }
+}
+
+/// How many waits it takes until the window lets buffers gather.
+int countWaitsUntilGathering(Waiter& waiter)
+{
+    int count = 0;
+    while (!waiter.window.isGathering() && count < 100000) {
+        waiter.waitForLook(2);
+        ++count;
+    }
+    return count;
+}
+
 } // namespace
 
 TEST(kyPollWindow, neitherPollsNorSleepsForWhatIsThere)
@@ -161,4 +180,36 @@ TEST(kyPollWindow, staysClosedWhileSleepsAreLong)
                      });
         EXPECT_EQ(window.isOpen(), i < 3);
     }
+}
+
+TEST(kyPollWindow, triesNowAndThenToLetBuffersGather)
+{
+    const ReceivePolling polling(kyNetOptions::getMaxReceivePolling());
+    Waiter waiter;
+    EXPECT_EQ(countWaitsUntilGathering(waiter), 256);
+    waiter.waitForLook(2);
+    EXPECT_FALSE(waiter.window.isGathering()); // It brought nothing, so the next is later.
+    EXPECT_EQ(countWaitsUntilGathering(waiter), 512);
+    waiter.waitForLook(2);
+    EXPECT_EQ(countWaitsUntilGathering(waiter), 1024);
+}
+
+TEST(kyPollWindow, letsBuffersGatherWhileItFindsSeveral)
+{
+    const ReceivePolling polling(kyNetOptions::getMaxReceivePolling());
+    Waiter waiter;
+    countWaitsUntilGathering(waiter);
+    findAtOnce(waiter, 16);
+    for (int i = 0; i < 20; ++i) {
+        const auto begin = Clock::now();
+        waiter.waitForLook(2);
+        EXPECT_GE(Clock::now() - begin, std::chrono::microseconds(80));
+        EXPECT_TRUE(waiter.window.isGathering());
+        findAtOnce(waiter, 16);
+    }
+    waiter.waitForLook(2);
+    findAtOnce(waiter, 15);
+    waiter.waitForLook(2);
+    EXPECT_FALSE(waiter.window.isGathering());
+    EXPECT_EQ(countWaitsUntilGathering(waiter), 512);
 }

@@ -276,6 +276,35 @@ TEST(kySocketLink, sendsMoreThanFitsIntoTheSystem)
     sender.finish();
 }
 
+TEST(kySocketLink, failsToSendManyAsItFailsToSendOne)
+{
+    const std::vector<std::shared_ptr<kyNetBuffer>> buffers(100, makeBuffer(131072));
+    LinkAndPeer resetting;
+    sendUntilFull(*resetting.link);
+    Blocked sender([&] { resetting.link->sendMany(buffers); });
+    EXPECT_TRUE(sender.isBlocked());
+    resetting.peer.reset();
+    EXPECT_THROW(sender.finish(), kyConnectionClosed);
+
+    LinkAndPeer ending;
+    sendUntilFull(*ending.link);
+    Blocked woken([&] { ending.link->sendMany(buffers); });
+    EXPECT_TRUE(woken.isBlocked());
+    ending.link->shutdown();
+    EXPECT_THROW(woken.finish(), kyConnectionClosed);
+    EXPECT_THROW(ending.link->sendMany(buffers), kyConnectionClosed);
+
+    LinkAndPeer full;
+    full.link->setBlocking(false);
+    EXPECT_EQ(failureOf<kyNetError>([&] {
+                  for (;;) {
+                      full.link->sendMany(buffers);
+                  }
+              }),
+              "send error. " + describeCode(kyTest::getWouldBlockCode()));
+    full.link->checkAlive();
+}
+
 TEST(kySocketLink, transfersNothingWithoutWaiting)
 {
     LinkPair ends;

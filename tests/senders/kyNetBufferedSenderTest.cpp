@@ -333,6 +333,53 @@ TEST(kyNetBufferedSender, batchNeverWaitsForMore)
     }
 }
 
+// Four of 131092 bytes are the first that are not below 524288.
+TEST(kyNetBufferedSender, handsWhatIsQueuedToItsChildTogether)
+{
+    const Children children = makeChildren(1);
+    const auto sender = makeSender(children);
+    occupyAll(*sender, children);
+    Strings expected{"held"};
+    for (int i = 0; i < 10; ++i) {
+        expected.emplace_back(131072, static_cast<char>('a' + i));
+        sender->send(makeBuffer(expected.back()));
+    }
+    children[0]->letGo();
+    sender->waitAllDataTransfered();
+    EXPECT_EQ(children[0]->messages(), expected);
+    EXPECT_EQ(children[0]->sentTogether(), (std::vector<std::size_t>{1, 4, 4, 2}));
+}
+
+TEST(kyNetBufferedSender, handsBundlesOfSeveralBatchesToItsChildTogether)
+{
+    const Children children = makeChildren(1);
+    const auto sender = makeSender(children);
+    occupyAll(*sender, children);
+    for (int i = 0; i < 20; ++i) {
+        sender->send(makeBuffer(std::string(10000, 'x')));
+    }
+    children[0]->letGo();
+    sender->waitAllDataTransfered();
+    EXPECT_EQ(children[0]->sentTogether(), (std::vector<std::size_t>{1, 3}));
+    EXPECT_EQ(children[0]->messages().size(), 21u);
+}
+
+TEST(kyNetBufferedSender, leavesToOtherChildrenWhatTheyCanTake)
+{
+    const Children children = makeChildren(4);
+    const auto sender = makeSender(children);
+    occupyAll(*sender, children);
+    for (int i = 0; i < 4; ++i) {
+        sender->send(makeBuffer(std::string(131072, 'x')));
+    }
+    children[0]->letGo();
+    ASSERT_TRUE(children[0]->hasSent(5));
+    EXPECT_EQ(children[0]->sentTogether(), (std::vector<std::size_t>{1, 1, 1, 1, 1}));
+    for (const auto& child : children) {
+        child->letGo();
+    }
+}
+
 TEST(kyNetBufferedSender, emptyBufferEndsTheWorkerThatTakesIt)
 {
     const std::size_t threads = kyTest::countThreads();

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <set>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -22,6 +23,15 @@ TEST(kyNetLinkSender, sendsTheVeryBufferOverItsLink)
     kyNetLinkSender::create(link)->send(buffer);
     ASSERT_EQ(link->sent.size(), 1u);
     EXPECT_EQ(link->sent[0], buffer);
+}
+
+TEST(kyNetLinkSender, sendsManyWithOneCallOfItsLink)
+{
+    const auto link = std::make_shared<KeepingLink>();
+    const std::vector<Buffer> buffers{makeBuffer("a"), makeBuffer("b"), makeBuffer("c")};
+    kyNetLinkSender::create(link)->sendMany(buffers);
+    EXPECT_EQ(link->sent, buffers);
+    EXPECT_EQ(link->sentTogether, std::vector<std::size_t>{3});
 }
 
 TEST(kyNetLinkSender, hasItsLinkAndItsAffinity)

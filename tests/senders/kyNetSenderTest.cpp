@@ -268,6 +268,20 @@ TEST(kyNetSender, bundleOfSeveralLinksTakesTurns)
     }
 }
 
+TEST(kyNetSender, sendsManyOneAfterTheOther)
+{
+    const Links links = makeLinks(2);
+    const auto balanced = kyNetSender::createBundle(links, false, {2});
+    const std::vector<kyTest::Buffer> buffers{kyTest::makeBuffer("a"), kyTest::makeBuffer("b"),
+                                              kyTest::makeBuffer("c")};
+    balanced->sendMany(buffers);
+    const auto& even = static_cast<KeepingLink&>(*links[0]);
+    const auto& odd = static_cast<KeepingLink&>(*links[1]);
+    EXPECT_EQ(odd.sent, (std::vector<kyTest::Buffer>{buffers[0], buffers[2]}));
+    EXPECT_EQ(even.sent, std::vector<kyTest::Buffer>{buffers[1]});
+    EXPECT_TRUE(odd.sentTogether.empty());
+}
+
 TEST(kyNetSender, bundleWithoutLinksReachesNobody)
 {
     const auto balanced = kyNetSender::createBundle({}, false, {2});

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -148,6 +149,11 @@ public:
         }
         sent.push_back(buffer);
     }
+    void sendMany(const std::vector<Buffer>& buffers) override
+    {
+        sentTogether.push_back(buffers.size());
+        kyNetLink::sendMany(buffers);
+    }
     void recv(Buffer& buffer) override
     {
         if (isShutDown || given.empty()) {
@@ -162,6 +168,7 @@ public:
     std::string getLinkName() override { return "a->b"; }
 
     std::vector<Buffer> sent;
+    std::vector<std::size_t> sentTogether;
     std::queue<Buffer> given;
     bool isShutDown = false;
 };

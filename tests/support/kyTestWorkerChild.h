@@ -55,6 +55,14 @@ public:
         m_threads.insert(std::this_thread::get_id());
         m_changed.notify_all();
     }
+    void sendMany(const std::vector<Buffer>& buffers) override
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_sentTogether.push_back(buffers.size());
+        }
+        kyNetSender::sendMany(buffers);
+    }
     void resetStatistics() override { ++resets; }
     std::uint64_t getCompressedBytes() override { return 77; }
     void waitAllDataTransfered() override { ++waits; }
@@ -95,6 +103,13 @@ public:
     }
     std::vector<std::string> messages() { return messagesOf(sent()); }
 
+    /// How many buffers each call was given.
+    std::vector<std::size_t> sentTogether()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_sentTogether;
+    }
+
     /// The threads that have sent.
     std::set<std::thread::id> threads()
     {
@@ -127,6 +142,7 @@ private:
     int m_failAt = 0;
     std::exception_ptr m_failure;
     std::vector<Buffer> m_sent;
+    std::vector<std::size_t> m_sentTogether;
     std::set<std::thread::id> m_threads;
 };
 

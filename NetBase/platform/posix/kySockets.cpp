@@ -11,6 +11,7 @@
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace kySockets {
@@ -127,6 +128,11 @@ template <class Call> std::vector<std::uint8_t> getAddress(kySocketHandle handle
     }
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&address);
     return {bytes, bytes + std::min<std::size_t>(size, sizeof(address))};
+}
+
+iovec toVector(const Block& block)
+{
+    return {const_cast<void*>(block.data), block.length}; // The system's type is for both ways.
 }
 
 pollfd toSystem(const PollEntry& entry)
@@ -246,14 +252,20 @@ Accepted accept(kySocketHandle listening)
     return {s_invalidSocketHandle, isClientGone ? Outcome::WouldBlock : judge(errno)};
 }
 
-Transfer send(kySocketHandle handle, const void* data, std::uint64_t length)
+Transfer send(kySocketHandle handle, const Block* blocks, std::size_t count)
 {
-    const ssize_t count =
-        repeat([&] { return ::send(toDescriptor(handle), data, length, MSG_NOSIGNAL); });
-    if (count < 0) {
+    iovec vectors[s_mostBlocks];
+    msghdr message{};
+    message.msg_iov = vectors;
+    message.msg_iovlen = std::min(count, s_mostBlocks);
+    std::transform(blocks, blocks + message.msg_iovlen, vectors, toVector);
+
+    const ssize_t sent =
+        repeat([&] { return ::sendmsg(toDescriptor(handle), &message, MSG_NOSIGNAL); });
+    if (sent < 0) {
         return {0, judge(errno)};
     }
-    return {static_cast<std::uint64_t>(count), Outcome::Done};
+    return {static_cast<std::uint64_t>(sent), Outcome::Done};
 }
 
 Transfer receive(kySocketHandle handle, void* data, std::uint64_t length)

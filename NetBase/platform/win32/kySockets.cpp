@@ -355,13 +355,23 @@ Accepted accept(kySocketHandle listening)
     return {socket, Outcome::Done};
 }
 
-Transfer send(kySocketHandle handle, const void* data, std::uint64_t length)
+Transfer send(kySocketHandle handle, const Block* blocks, std::size_t count)
 {
-    const int count = ::send(handle, static_cast<const char*>(data), toLength(length), 0);
-    if (count < 0) {
+    // What stands behind a block that is cut short must not be sent.
+    WSABUF buffers[s_mostBlocks];
+    std::uint64_t room = std::numeric_limits<int>::max();
+    DWORD used = 0;
+    for (; used < std::min(count, s_mostBlocks) && room > 0; ++used) {
+        const std::uint64_t length = std::min(blocks[used].length, room);
+        auto* data = static_cast<char*>(const_cast<void*>(blocks[used].data));
+        buffers[used] = {static_cast<ULONG>(length), data};
+        room -= length;
+    }
+    DWORD sent = 0;
+    if (::WSASend(handle, buffers, used, &sent, 0, nullptr, nullptr) != 0) {
         return {0, judge(::WSAGetLastError())};
     }
-    return {static_cast<std::uint64_t>(count), Outcome::Done};
+    return {sent, Outcome::Done};
 }
 
 Transfer receive(kySocketHandle handle, void* data, std::uint64_t length)
