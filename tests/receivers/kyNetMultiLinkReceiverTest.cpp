@@ -15,6 +15,7 @@
 #include <NetBase/receivers/kyNetLinkReceiver.h>
 #include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
+#include <tests/support/kyTestMemory.h>
 #include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestWait.h>
 
@@ -181,6 +182,63 @@ TEST(kyNetMultiLinkReceiver, busyLinkStarvesNoOther)
     f.send(1, "b");
     EXPECT_EQ(f.recv(), "a");
     EXPECT_EQ(f.recv(), "b");
+}
+
+// Once for every sixteen links.
+TEST(kyNetMultiLinkReceiver, linkThatIsBusyAloneIsReadAFewTimesBeforeTheNextPoll)
+{
+    const std::pair<std::size_t, int> counts[] = {{2, 0}, {15, 0}, {16, 1}, {47, 2}, {48, 3}};
+    for (const auto& [links, more] : counts) {
+        Fixture f(links);
+        for (int i = 0; i < 10; ++i) {
+            f.send(1, "busy");
+        }
+        EXPECT_EQ(f.recv(), "busy");
+        f.send(0, "quiet");
+        for (int i = 0; i < more; ++i) {
+            EXPECT_EQ(f.recv(), "busy") << links;
+        }
+        EXPECT_EQ(f.recv(), "quiet") << links;
+        EXPECT_EQ(f.recv(), "busy") << links;
+    }
+}
+
+TEST(kyNetMultiLinkReceiver, busyLinkThatIsEmptyLetsTheOthersInAtOnce)
+{
+    Fixture f(64);
+    f.send(3, "busy");
+    EXPECT_EQ(f.recv(), "busy");
+    f.send(0, "first");
+    f.send(5, "second");
+    EXPECT_EQ(f.recv(), "first");
+    f.send(0, "third");
+    EXPECT_EQ(f.recv(), "second");
+    EXPECT_EQ(f.recv(), "third");
+}
+
+TEST(kyNetMultiLinkReceiver, busyLinkThatClosesReportsItself)
+{
+    Fixture f(32);
+    f.send(3, "busy");
+    EXPECT_EQ(f.recv(), "busy");
+    f.links[3]->shutdown();
+    EXPECT_THROW(f.recv(), kyConnectionClosed);
+}
+
+TEST(kyNetMultiLinkReceiver, passNeedsNoMemory)
+{
+    Fixture f(20);
+    f.send(3, "a");
+    EXPECT_EQ(f.recv(), "a");
+    f.send(3, "b");
+    Buffer buffer;
+    bool hasFailed = false;
+    {
+        const kyTest::NoMemoryAfter noMemory(1); // Of the pool, for the pointer.
+        f.receiver->recv(buffer);
+        hasFailed = noMemory.hasFailed();
+    }
+    EXPECT_FALSE(hasFailed);
 }
 
 TEST(kyNetMultiLinkReceiver, silenceIsCheckedOnEveryLinkAndWaitedOn)
