@@ -18,7 +18,7 @@ using Buffer = std::shared_ptr<kyNetBuffer>;
 /// Bytes that a worker hands to its child at once: so many that calls of the system cost nothing
 /// beside what they move, and so few that the bytes are still in the processor's second-level
 /// cache when the peer reads them on the same machine.
-constexpr std::uint64_t s_mostAtOnce = 512 * 1024;
+constexpr std::uint64_t s_mostAtOnce = 524288;
 
 /// The thread of one child.
 class Worker
