@@ -324,6 +324,24 @@ TYPED_TEST(BlockCompressorTest, severalThreadsShareOne)
     }
 }
 
+TYPED_TEST(BlockCompressorTest, threadsMayComeAndGo)
+{
+    const std::string text = makeText(s_threshold);
+    for (int i = 0; i < 100; ++i) {
+        // At once, so that what one thread leaves stands in the way of what the others do.
+        std::vector<std::future<bool>> results;
+        for (int thread = 0; thread < 4; ++thread) {
+            results.push_back(std::async(std::launch::async, [&] {
+                const Buffer compressed = this->m_compressor.compress(makeBuffer(text));
+                return dataOf(*this->m_compressor.decompress(compressed)) == text;
+            }));
+        }
+        for (auto& result : results) {
+            EXPECT_TRUE(result.get());
+        }
+    }
+}
+
 TYPED_TEST(BlockCompressorTest, localImagesAreCompressedAsThoseThatLeave)
 {
     const Settings settings;

@@ -198,11 +198,12 @@ unsigned findHidden(const PollEntry& entry)
 }
 
 /// The valid handles in their order, as the system wants them.
-std::vector<WSAPOLLFD>& collect(const PollEntry* entries, std::size_t count)
+std::vector<WSAPOLLFD> collect(const PollEntry* entries, std::size_t count)
 {
-    // Kept, so that a receiver that polls for every buffer does not allocate.
-    thread_local std::vector<WSAPOLLFD> system;
-    system.clear();
+    // Not kept in the thread: with the cross compiler's runtime a thread frees the memory of what
+    // it owns before that is destroyed.
+    std::vector<WSAPOLLFD> system;
+    system.reserve(count);
     for (std::size_t i = 0; i < count; ++i) {
         if (entries[i].handle != s_invalidSocketHandle) {
             system.push_back(toSystem(entries[i]));
@@ -231,7 +232,7 @@ int spread(const std::vector<WSAPOLLFD>& system, PollEntry* entries, std::size_t
 /// One look at the entries, no longer than the milliseconds; answers as poll does.
 int pollOnce(PollEntry* entries, std::size_t count, int milliseconds)
 {
-    std::vector<WSAPOLLFD>& system = collect(entries, count);
+    std::vector<WSAPOLLFD> system = collect(entries, count);
     int code = 0;
     if (system.empty()) {
         ::Sleep(static_cast<DWORD>(milliseconds)); // The system refuses to poll nothing.
