@@ -24,6 +24,7 @@
 #include <apps/common/ServiceClient.h>
 #include <tests/apps/kyTestFolder.h>
 #include <tests/apps/kyTestKey.h>
+#include <tests/apps/kyTestModel.h>
 #include <tests/apps/kyTestPng.h>
 #include <tests/apps/kyTestScene.h>
 #include <tests/support/kyTestProcesses.h>
@@ -101,23 +102,6 @@ private:
         return {"--server", KY_TEST_BINARY_DIR "/tests/kyTestLyingServer"};
     }
 };
-
-/// A bent strip of a few triangles: light, shadow and both sides to see.
-std::string makeModel()
-{
-    std::ostringstream obj;
-    const int steps = 12;
-    for (int i = 0; i <= steps; ++i) {
-        const double x = static_cast<double>(i) / steps * 4.0;
-        const double y = (i % 2 == 0 ? 0.0 : 1.0) + 0.3 * x;
-        obj << "v " << x << ' ' << y << " 0\nv " << x << ' ' << y << " 2\n";
-    }
-    for (int i = 0; i < steps; ++i) {
-        const int first = 2 * i + 1;
-        obj << "f " << first << ' ' << first + 2 << ' ' << first + 3 << ' ' << first + 1 << '\n';
-    }
-    return obj.str();
-}
 
 /// The part of the renderer that talks to servers, within the test's process.
 class Cluster
@@ -308,7 +292,7 @@ protected:
     }
 
     kyTest::Folder m_folder;
-    std::string m_scene = m_folder.write("scene.obj", makeModel());
+    std::string m_scene = m_folder.write("scene.obj", kyTest::makeModel());
     std::string m_output = m_folder.path("out.png");
 };
 
