@@ -210,8 +210,12 @@ TEST(ClientWatch, dropsWhoTricklesInsideABuffer)
     const std::string bytes(1 << 20, '\0');
     std::size_t sent = 0;
     EXPECT_TRUE(kyTest::waitUntil([&] {
-        if (sent < 19) {
-            trickling.peer.send(&bytes[sent++], 1);
+        try {
+            if (sent < 19) {
+                trickling.peer.send(&bytes[sent++], 1);
+            }
+        } catch (const kyConnectionClosed&) {
+            sent = 19; // A slow machine is dropped before it has sent them all.
         }
         return received.wait_for(0ms) == std::future_status::ready;
     }));
