@@ -1,5 +1,7 @@
 #include <NetBase/receivers/kyNetMultiLinkReceiver.h>
 
+#include <utility>
+
 #include <NetBase/buffers/kyConnectionClosed.h>
 #include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetError.h>
@@ -148,27 +150,25 @@ void kyNetMultiLinkReceiver::pollBuffers()
 
 bool kyNetMultiLinkReceiver::readBusyLink()
 {
-    if (m_shortPasses == 0) {
-        return false;
-    }
-    --m_shortPasses;
-    if (!isReady(*m_links[m_busyLink])) {
-        m_shortPasses = 0;
+    // None if it has no more or fails: others may have something meanwhile.
+    const std::size_t passes = std::exchange(m_shortPasses, 0);
+    if (passes == 0 || !isReady(*m_links[m_busyLink])) {
         return false;
     }
     m_links[m_busyLink]->recvAvailable(m_recvQueue);
+    m_shortPasses = passes - 1;
     return true;
 }
 
 void kyNetMultiLinkReceiver::readReadyLinks()
 {
     awaitReadyLinks();
+    for (const std::size_t link : m_ready) {
+        m_links[link]->recvAvailable(m_recvQueue);
+    }
     if (m_ready.size() == 1) {
         m_busyLink = m_ready.front();
         m_shortPasses = m_links.size() / s_linksPerShortPass;
-    }
-    for (const std::size_t link : m_ready) {
-        m_links[link]->recvAvailable(m_recvQueue);
     }
     if (m_ready.empty()) {
         for (const auto& link : m_links) {

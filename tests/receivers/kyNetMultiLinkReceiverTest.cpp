@@ -225,6 +225,38 @@ TEST(kyNetMultiLinkReceiver, busyLinkThatClosesReportsItself)
     EXPECT_THROW(f.recv(), kyConnectionClosed);
 }
 
+// All links are polled before the one that has failed is read again.
+TEST(kyNetMultiLinkReceiver, busyLinkThatTricklesLetsTheOthersIn)
+{
+    Fixture f(64);
+    f.links[3]->setRecvTimeout(0.01);
+    f.send(3, "busy");
+    EXPECT_EQ(f.recv(), "busy");
+    f.send(0, "quiet");
+    const auto trickle = [&] {
+        f.peers[3]->send("", 1);
+        ASSERT_TRUE(f.links[3]->pollReadable(30.0));
+    };
+    for (int i = 0; i < 2; ++i) {
+        trickle();
+        EXPECT_THROW(f.recv(), kyConnectionTimeout);
+    }
+    trickle();
+    EXPECT_EQ(f.recv(), "quiet");
+}
+
+TEST(kyNetMultiLinkReceiver, busyLinkThatClosesLetsTheOthersIn)
+{
+    Fixture f(64);
+    f.send(3, "busy");
+    EXPECT_EQ(f.recv(), "busy");
+    f.send(0, "quiet");
+    f.links[3]->shutdown();
+    EXPECT_THROW(f.recv(), kyConnectionClosed);
+    EXPECT_THROW(f.recv(), kyConnectionClosed);
+    EXPECT_EQ(f.recv(), "quiet");
+}
+
 TEST(kyNetMultiLinkReceiver, passNeedsNoMemory)
 {
     Fixture f(20);
