@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <thread>
 
 #include <NetBase/buffers/kyNetOptions.h>
@@ -21,10 +22,13 @@
 ///
 /// A stream of small buffers is better looked at now and then: taking each as it comes costs both
 /// ends five times the processor time of taking those that have gathered for 80 microseconds. Once
-/// in some hundred waits it lets them gather, and goes on so as long as it then finds several.
+/// in some hundred waits it lets them gather, and goes on so as long as a quarter more comes in the
+/// time: where a peer sends some and waits for an answer, gathering only delays that.
+///
+/// The clock is another for tests only.
 ///
 /// Threads: one at a time.
-class kyPollWindow
+template <class Clock = std::chrono::steady_clock> class kyPollWindow
 {
 public:
     /// Returns when `isOver`, which must not wait, has answered true, or else after `sleep`.
@@ -35,17 +39,19 @@ public:
             sleep();
             return;
         }
+        ++m_received;
         if (isOver()) {
-            ++m_foundAtOnce; // There was no wait to learn from.
-            return;
+            return; // There was no wait to learn from.
         }
-        const Clock::time_point end = Clock::now() + limit;
+        const TimePoint end = Clock::now() + limit;
         if (isOpen() && poll(isOver, end)) {
             m_longWaits = 0;
             return;
         }
         sleep();
-        learn(Clock::now() < end);
+        const TimePoint now = Clock::now();
+        learn(now < end);
+        beginPace(now); // What happens after a silence is compared with what happened after it.
     }
 
     /// Whether the next wait begins with polling.
@@ -55,7 +61,7 @@ public:
     bool isGathering() const { return m_isGathering; }
 
 private:
-    using Clock = std::chrono::steady_clock;
+    using TimePoint = typename Clock::time_point;
 
     /// So many in a row that a pause between two bursts does not close the window.
     static constexpr int s_mostLongWaits = 4;
@@ -63,18 +69,21 @@ private:
     /// Long enough for a sender to get some dozens of buffers ahead.
     static constexpr std::chrono::microseconds s_gatheringTime{80};
 
-    /// What has to be found behind a wait for it to have paid. A buffer is two receives.
-    static constexpr int s_worthGathering = 16;
+    /// How many times as much has to come in the time for gathering to have paid.
+    static constexpr double s_worthGathering = 1.25;
 
     /// Waits from one trial to the next, doubled by each that did not pay: fewer than one of a
     /// hundred answers may come later for it.
     static constexpr int s_leastBetweenTrials = 256;
     static constexpr int s_mostBetweenTrials = 4096;
 
-    template <class IsOver> bool poll(const IsOver& isOver, Clock::time_point end)
+    /// The last waits before a trial, whose pace it has to beat.
+    static constexpr int s_comparedWaits = 32;
+
+    template <class IsOver> bool poll(const IsOver& isOver, TimePoint end)
     {
-        decideToGather();
-        Clock::time_point next = Clock::now();
+        TimePoint next = Clock::now();
+        decideToGather(next);
         if (m_isGathering) {
             next = std::min(next + s_gatheringTime, end);
         }
@@ -89,18 +98,34 @@ private:
         return false;
     }
 
-    void decideToGather()
+    void decideToGather(TimePoint now)
     {
-        if (!m_isGathering) {
-            m_isGathering = --m_untilTrial <= 0;
-        } else if (m_foundAtOnce < s_worthGathering) {
-            m_isGathering = false;
-            m_betweenTrials = std::min(2 * m_betweenTrials, s_mostBetweenTrials);
+        if (m_isGathering) {
+            m_isGathering = getPace(now) >= s_worthGathering * m_paceBefore;
+            m_betweenTrials = m_isGathering ? s_leastBetweenTrials
+                                            : std::min(2 * m_betweenTrials, s_mostBetweenTrials);
             m_untilTrial = m_betweenTrials;
-        } else {
-            m_betweenTrials = s_leastBetweenTrials;
+            beginPace(now);
+        } else if (--m_untilTrial == s_comparedWaits) {
+            beginPace(now);
+        } else if (m_untilTrial <= 0) {
+            m_isGathering = true;
+            m_paceBefore = getPace(now);
+            beginPace(now);
         }
-        m_foundAtOnce = 0;
+    }
+
+    void beginPace(TimePoint now)
+    {
+        m_received = 0;
+        m_paceBegin = now;
+    }
+
+    /// What has been received for each tick of the clock.
+    double getPace(TimePoint now) const
+    {
+        const auto ticks = (now - m_paceBegin).count() + 1; // 0 would be a pace without end.
+        return static_cast<double>(m_received) / static_cast<double>(ticks);
     }
 
     void learn(bool wasShort)
@@ -112,9 +137,11 @@ private:
         }
     }
 
-    int m_longWaits = 0;   // In a row.
-    int m_foundAtOnce = 0; // Since the last wait.
+    int m_longWaits = 0; // In a row.
     bool m_isGathering = false;
     int m_betweenTrials = s_leastBetweenTrials;
     int m_untilTrial = s_leastBetweenTrials;
+    std::int64_t m_received = 0; // Since m_paceBegin.
+    TimePoint m_paceBegin{};
+    double m_paceBefore = 0;
 };

@@ -108,7 +108,8 @@ public:
     void send(const std::shared_ptr<kyNetBuffer>& buffer) override;
 
     /// Hands the buffers to the system up to 64 at a time. With a cipher each goes on its own, so
-    /// that the peer decrypts one while the next is encrypted.
+    /// that the peer decrypts one while the next is encrypted. Without one it does not call send: a
+    /// link that overrides that overrides this, too.
     void sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers) override;
     void recv(std::shared_ptr<kyNetBuffer>& buffer) override;
     void shutdown() override;
@@ -197,5 +198,5 @@ private:
 
     std::atomic<kySocketHandle> m_descriptor{s_invalidSocketHandle};
     std::shared_ptr<kySharedSocket> m_socket;
-    kyPollWindow m_pollWindow; ///< Of whoever receives.
+    kyPollWindow<> m_pollWindow; ///< Of whoever receives.
 };

@@ -63,7 +63,7 @@ private:
 
     std::queue<std::shared_ptr<kyNetBuffer>> m_recvQueue;
     std::vector<std::shared_ptr<kyNetLink>> m_links;
-    kyPollWindow m_pollWindow;
+    kyPollWindow<> m_pollWindow;
     std::vector<std::size_t> m_ready; // What the last poll has found, kept for its memory.
     std::size_t m_busyLink = 0;
     std::size_t m_shortPasses = 0; // That it may still be read alone.
