@@ -35,7 +35,7 @@ if(WIN32)
 endif()
 
 if(KY_SANITIZE)
-    add_compile_options(-fsanitize=${KY_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
+    add_compile_options(-fsanitize=${KY_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g1)
     # The check of virtual pointers reads memory through a pipe: where a test lets the descriptors
     # run out, it takes sound objects for broken ones.
     add_compile_options(-fno-sanitize=vptr)

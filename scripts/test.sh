@@ -8,4 +8,5 @@ preset=${1:-release}
 shift || true
 
 scripts/build.sh "$preset"
-ctest --preset "$preset" --parallel "$(nproc)" "$@"
+# Many tests wait for a peer, a process or a time limit rather than compute.
+ctest --preset "$preset" --parallel "$((2 * $(nproc)))" "$@"
