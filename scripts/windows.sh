@@ -19,7 +19,8 @@ cmake --preset windows >/dev/null
 cmake --build --preset windows --parallel "$(nproc)"
 
 stage "the tests"
-scripts/with-wine.sh ctest --preset windows --parallel "$(nproc)" "$@"
+# Twice as many as there are processors: a program's start is mostly waiting for Wine's server.
+scripts/with-wine.sh ctest --preset windows --parallel "$((2 * $(nproc)))" "$@"
 echo "Not run, as they cannot hold there:"
 sed -n 's/^[^#]/    &/p' tests/windowsExceptions.txt
 
