@@ -27,8 +27,8 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-scripts/install-dependencies.sh gnuplot-nox libbenchmark-dev libnng-dev libopenmpi-dev \
-    libucx-dev libzmq3-dev openmpi-bin
+scripts/install-dependencies.sh gnuplot-nox libbenchmark-dev libflatbuffers-dev libnng-dev \
+    libopenmpi-dev libprotobuf-dev libucx-dev libzmq3-dev openmpi-bin
 scripts/build.sh bench kyBenchmarks >/dev/null
 
 # A rendered picture and its scene, to be compressed.
