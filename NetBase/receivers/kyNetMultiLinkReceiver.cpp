@@ -21,36 +21,33 @@ constexpr int s_pollMilliseconds = 4000;
 /// fifty times what receiving a small buffer does.
 constexpr std::size_t s_linksPerShortPass = 16;
 
-/// The links that one poll waits on: pinned as long as it lives.
-class PollSet
+} // namespace
+
+/// The links that one poll waits on: pinned from add to clear. Its memory serves the next pass.
+class kyNetMultiLinkReceiver::PollSet
 {
 public:
-    PollSet() : m_kept(getKept()) {}
-    ~PollSet()
-    {
-        m_kept.pins.clear();
-        m_kept.entries.clear();
-    }
-
-    PollSet(const PollSet&) = delete;
-    PollSet& operator=(const PollSet&) = delete;
-
     void add(kyNetLink& link)
     {
-        const kyNetLinkPin& pin = m_kept.pins.emplace_back(link);
+        const kyNetLinkPin& pin = m_pins.emplace_back(link);
         if (pin.isPinned()) {
-            m_kept.entries.push_back({pin.getHandle(), kySockets::Readable, kySockets::None});
+            m_entries.push_back({pin.getHandle(), kySockets::Readable, kySockets::None});
         }
     }
 
+    void clear()
+    {
+        m_pins.clear();
+        m_entries.clear();
+    }
+
     /// A closed link is ready at once: its own receive says what has become of it.
-    bool isAnyClosed() const { return m_kept.entries.size() < m_kept.pins.size(); }
+    bool isAnyClosed() const { return m_entries.size() < m_pins.size(); }
 
     /// Whether any is ready within the milliseconds. Throws kyNetError.
     bool poll(int milliseconds)
     {
-        auto& entries = m_kept.entries;
-        const int ready = kySockets::poll(entries.data(), entries.size(), milliseconds);
+        const int ready = kySockets::poll(m_entries.data(), m_entries.size(), milliseconds);
         if (ready < 0) {
             throw kyNetError("poll error:" + kyNetError::getLastErrorString());
         }
@@ -61,39 +58,40 @@ public:
     void getReady(std::vector<std::size_t>& ready) const
     {
         ready.clear();
-        auto entry = m_kept.entries.cbegin();
-        for (std::size_t i = 0; i < m_kept.pins.size(); ++i) {
-            if (!m_kept.pins[i].isPinned() || (entry++)->ready != kySockets::None) {
+        auto entry = m_entries.cbegin();
+        for (std::size_t i = 0; i < m_pins.size(); ++i) {
+            if (!m_pins[i].isPinned() || (entry++)->ready != kySockets::None) {
                 ready.push_back(i);
             }
         }
     }
 
 private:
-    struct Kept
-    {
-        std::vector<kyNetLinkPin> pins;
-        std::vector<kySockets::PollEntry> entries;
-    };
-
-    /// Memory that every pass of the calling thread uses.
-    static Kept& getKept()
-    {
-        thread_local Kept kept;
-        return kept;
-    }
-
-    Kept& m_kept;
+    std::vector<kyNetLinkPin> m_pins;
+    std::vector<kySockets::PollEntry> m_entries;
 };
 
-bool isReady(kyNetLink& link)
+/// Pins links in the receiver's poll set, and lets go of them at its end.
+class kyNetMultiLinkReceiver::Pinned
 {
-    PollSet set;
-    set.add(link);
-    return set.isAnyClosed() || set.poll(0);
-}
+public:
+    explicit Pinned(std::shared_ptr<PollSet>& set)
+    {
+        if (set.use_count() != 1) { // The first pass, or the other's whose copy this is.
+            set = std::make_shared<PollSet>();
+        }
+        m_set = set.get();
+    }
+    ~Pinned() { m_set->clear(); }
 
-} // namespace
+    Pinned(const Pinned&) = delete;
+    Pinned& operator=(const Pinned&) = delete;
+
+    PollSet* operator->() const { return m_set; }
+
+private:
+    PollSet* m_set;
+};
 
 kyNetMultiLinkReceiver::kyNetMultiLinkReceiver(const Links& links) : m_links(links) {}
 
@@ -177,17 +175,24 @@ void kyNetMultiLinkReceiver::readReadyLinks()
     }
 }
 
+bool kyNetMultiLinkReceiver::isReady(kyNetLink& link)
+{
+    const Pinned set(m_pollSet);
+    set->add(link);
+    return set->isAnyClosed() || set->poll(0);
+}
+
 /// Leaves none if the time is over.
 void kyNetMultiLinkReceiver::awaitReadyLinks()
 {
-    PollSet set;
+    const Pinned set(m_pollSet);
     for (const auto& link : m_links) {
-        set.add(*link);
+        set->add(*link);
     }
-    if (set.isAnyClosed()) {
-        set.poll(0);
+    if (set->isAnyClosed()) {
+        set->poll(0);
     } else {
-        m_pollWindow.await([&] { return set.poll(0); }, [&] { set.poll(s_pollMilliseconds); });
+        m_pollWindow.await([&] { return set->poll(0); }, [&] { set->poll(s_pollMilliseconds); });
     }
-    set.getReady(m_ready);
+    set->getReady(m_ready);
 }

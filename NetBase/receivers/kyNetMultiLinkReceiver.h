@@ -55,15 +55,20 @@ protected:
     std::exception_ptr m_error;
 
 private:
+    class PollSet;
+    class Pinned;
+
     /// Reads the link that the last poll found alone, if it may be read without a poll of all and
     /// has more.
     bool readBusyLink();
     void readReadyLinks();
     void awaitReadyLinks();
+    bool isReady(kyNetLink& link);
 
     std::queue<std::shared_ptr<kyNetBuffer>> m_recvQueue;
     std::vector<std::shared_ptr<kyNetLink>> m_links;
     kyPollWindow<> m_pollWindow;
+    std::shared_ptr<PollSet> m_pollSet;
     std::vector<std::size_t> m_ready; // What the last poll has found, kept for its memory.
     std::size_t m_busyLink = 0;
     std::size_t m_shortPasses = 0; // That it may still be read alone.
