@@ -11,7 +11,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include <QString>
 #include <QSysInfo>
@@ -19,6 +18,7 @@
 #include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/links/kySocketLink.h>
 #include <NetBase/links/kySocketPipe.h>
+#include <NetBase/platform/kyThreads.h>
 #include <NetBase/serialization/kyNetStdIStream.h>
 #include <NetBase/serialization/kyNetStdOStream.h>
 #include <Utils/kyPlatform.h>
@@ -186,7 +186,8 @@ int main(int argc, char** argv)
     kySocketPipe pipe(s_arguments.socketPipe);
     try {
         for (;;) {
-            std::thread(serve, std::make_shared<kySocketLink>(pipe, -1.0)).detach();
+            const auto link = std::make_shared<kySocketLink>(pipe, -1.0);
+            kyThreads::startDetached([link] { serve(link); });
         }
     } catch (const std::exception&) {
         // The service has closed the pipe.
