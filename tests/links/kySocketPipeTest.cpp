@@ -736,6 +736,19 @@ TEST(kySocketPipe, pendingSocketIsClosedWithThePipe)
     // The fixture counts what is left.
 }
 
+TEST(kySocketPipe, socketThatNobodyReceivesIsClosedWithThePipe)
+{
+    const SocketPair sockets;
+    for (const bool isAwaited : {false, true}) {
+        Hostile pipe("unreceived");
+        if (isAwaited) {
+            EXPECT_EQ(failureOf([&] { pipe.server->recvSocket(0.01); }), "(time-out)");
+        }
+        pipe.service.send(socketBytes(sockets.served(), "12345678"), {sockets.served()});
+        // The fixture counts what is left.
+    }
+}
+
 TEST(kySocketPipe, interruptedReceiverGoesOnWaiting)
 {
     Local pipe;

@@ -142,13 +142,15 @@ public:
         return ::GetOverlappedResult(m_pipe.get(), &m_record, &count, TRUE) != FALSE;
     }
 
-    void breakOff()
+    /// How many bytes have moved, since the operation may have ended by itself.
+    DWORD breakOff()
     {
         DWORD count = 0;
-        if (m_isPending) {
-            ::CancelIoEx(m_pipe.get(), &m_record);
-            finish(count);
+        if (!m_isPending) {
+            return 0;
         }
+        ::CancelIoEx(m_pipe.get(), &m_record);
+        return finish(count) ? count : 0;
     }
 
 private:
@@ -203,6 +205,7 @@ public:
         : m_pipe(std::move(pipe)), m_stopEvent(std::move(stopEvent))
     {
     }
+    ~Win32Pipe() override { dropUnreceived(); }
 
     bool isUsable() const { return m_transfer.isUsable() && m_arriving.isUsable(); }
 
@@ -370,6 +373,23 @@ private:
             return isPeerGone(::GetLastError()) ? Status::Closed : Status::NotBegun;
         }
         return Status::Done;
+    }
+
+    /// Closes the socket whose value has arrived and was not received: it is open in this process.
+    void dropUnreceived()
+    {
+        if (!m_stopEvent.isValid() || !isUsable()) {
+            return;
+        }
+        if (m_arriving.isPending() || beginToReceive() == Status::Done) {
+            m_count += m_arriving.breakOff();
+        }
+        if (m_count == sizeof(m_value)) {
+            const kySocketHandle socket = adopt(m_value);
+            if (socket != s_invalidSocketHandle) {
+                ::closesocket(socket);
+            }
+        }
     }
 
     /// Closes a duplicate of which the other process has not heard.
