@@ -10,8 +10,13 @@ set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
 set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 
-set(KY_WINDOWS_PREFIX "${CMAKE_CURRENT_LIST_DIR}/../build/windows-prefix"
-    CACHE PATH "Where the libraries for Windows are installed")
+# As scripts/windows-prefix.sh takes it.
+set(prefix "$ENV{KY_WINDOWS_PREFIX}")
+if(prefix STREQUAL "")
+    set(prefix build/windows-prefix)
+endif()
+get_filename_component(prefix "${prefix}" ABSOLUTE BASE_DIR "${CMAKE_CURRENT_LIST_DIR}/..")
+set(KY_WINDOWS_PREFIX "${prefix}" CACHE PATH "Where the libraries for Windows are installed")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KY_WINDOWS_PREFIX)
 
 # Nothing of the building machine but its programs.
