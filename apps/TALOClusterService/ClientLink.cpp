@@ -67,6 +67,12 @@ void ClientLink::send(const std::shared_ptr<kyNetBuffer>& buffer)
     kySocketLink::send(buffer);
 }
 
+void ClientLink::sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers)
+{
+    const Waiting waiting(*this);
+    kySocketLink::sendMany(buffers);
+}
+
 ClientLink::Clock::duration ClientLink::getWait() const
 {
     const std::lock_guard<std::mutex> guard(m_mutex);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include <NetBase/links/kySocketLink.h>
 
@@ -35,6 +36,7 @@ public:
     /// Throws kyNetError "Request too large" when more has come than is taken.
     void recv(std::shared_ptr<kyNetBuffer>& buffer) override;
     void send(const std::shared_ptr<kyNetBuffer>& buffer) override;
+    void sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers) override;
 
     /// How long the client was waited for altogether; zero while it is not waited for.
     Clock::duration getWait() const;

@@ -145,23 +145,26 @@ TEST(ClientLink, isNotDroppedWhenTheWatchHasEnded)
 TEST(ClientLink, isWaitedForWhileItTakesNothing)
 {
     const kyBoundSocketLink listener(0);
-    Connection connection(listener);
-    auto sent = std::async(std::launch::async, [&] {
-        try {
-            const std::shared_ptr<kyNetBuffer> buffer = kyNetBufferPool::pop();
-            buffer->setDataSize(static_cast<std::uint32_t>(kyNetBuffer::getCapacity()));
-            for (;;) {
-                connection.client->send(buffer);
+    const std::shared_ptr<kyNetBuffer> buffer = kyNetBufferPool::pop();
+    buffer->setDataSize(static_cast<std::uint32_t>(kyNetBuffer::getCapacity()));
+    for (const bool sendsMany : {false, true}) {
+        Connection connection(listener);
+        auto sent = std::async(std::launch::async, [&] {
+            try {
+                for (;;) {
+                    sendsMany ? connection.client->sendMany({buffer, buffer})
+                              : connection.client->send(buffer);
+                }
+            } catch (const kyConnectionClosed&) {
+                return true;
             }
-        } catch (const kyConnectionClosed&) {
-            return true;
-        }
-    });
-    EXPECT_TRUE(kyTest::waitUntil([&] {
-        connection.client->dropIfWaiting();
-        return sent.wait_for(0ms) == std::future_status::ready;
-    }));
-    EXPECT_TRUE(sent.get());
+        });
+        EXPECT_TRUE(kyTest::waitUntil([&] {
+            connection.client->dropIfWaiting();
+            return sent.wait_for(0ms) == std::future_status::ready;
+        }));
+        EXPECT_TRUE(sent.get());
+    }
 }
 
 TEST(ClientLink, moreBytesThanARequestMayHaveAreRefused)
