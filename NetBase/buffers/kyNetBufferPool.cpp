@@ -195,10 +195,10 @@ private:
         }
     }
 
-    // Beside the queue, whose memory leak checkers do not see.
-    std::atomic<Entry*> m_made{nullptr};
     Pages m_pages;
     tbb::concurrent_queue<Entry*, PageAllocator<Entry*>> m_free{PageAllocator<Entry*>(&m_pages)};
+    // Beside the queue, whose memory leak checkers do not see.
+    std::atomic<Entry*> m_made{nullptr};
 };
 
 // Never destroyed: detached threads return their buffers even while the process ends.
