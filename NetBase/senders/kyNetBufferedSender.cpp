@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <queue>
 #include <utility>
 #include <vector>
@@ -19,6 +20,8 @@ using Buffer = std::shared_ptr<kyNetBuffer>;
 /// beside what they move, and so few that the bytes are still in the processor's second-level
 /// cache when the peer reads them on the same machine.
 constexpr std::uint64_t s_mostAtOnce = 524288;
+
+constexpr std::uint64_t s_any = std::numeric_limits<std::uint64_t>::max();
 
 /// The thread of one child.
 class Worker
@@ -47,28 +50,37 @@ public:
     }
 
 private:
-    /// Takes a batch, and more of them while there are more than the other workers can take.
+    /// Takes a batch, and more of what waits behind it than the other workers can take. What comes
+    /// meanwhile has its turn later: what is taken would have to wait for it.
     void takeBatches()
     {
-        std::uint64_t size = takeBatch([this](Buffer& buffer) {
+        std::uint64_t size = takeBatch(s_any, [this](Buffer& buffer) {
             const auto turn = m_queue.awaitTurn();
             m_queue.pop(buffer);
             return true;
         });
-        while (size < s_mostAtOnce && mayTake() && m_queue.hasWaiting(m_workers)) {
-            size += takeBatch([this](Buffer& buffer) { return m_queue.tryPop(buffer); });
+        const std::uint64_t others = m_workers - 1;
+        const std::uint64_t waiting = m_queue.countWaiting();
+        const std::uint64_t end = m_taken + (waiting > others ? waiting - others : 0);
+        bool isThere = true;
+        while (isThere && m_taken < end && size < s_mostAtOnce && mayTake()) {
+            size += takeBatch(end - m_taken, [this, &isThere](Buffer& buffer) {
+                return isThere = m_queue.tryPop(buffer);
+            });
         }
     }
 
-    /// Takes a buffer, and with it those that are there, until they exceed half the stream buffer
-    /// size or one is empty. Packs them, and answers how many bytes they have on the wire.
-    template <class TakeFirst> std::uint64_t takeBatch(const TakeFirst& takeFirst)
+    /// Takes a buffer, and with it those that are there, until they are `most`, exceed half the
+    /// stream buffer size or one is empty. Packs them, and answers how many bytes they have on the
+    /// wire.
+    template <class TakeFirst>
+    std::uint64_t takeBatch(std::uint64_t most, const TakeFirst& takeFirst)
     {
         const auto limit = static_cast<std::uint64_t>(kyNetOptions::getStreamBufferSize() / 2);
         Buffer buffer;
         std::uint64_t size = 0;
         for (bool has = takeFirst(buffer); has;
-             has = size < limit && mayTake() && m_queue.tryPop(buffer)) {
+             has = --most > 0 && size < limit && mayTake() && m_queue.tryPop(buffer)) {
             size += addToBatch(buffer);
         }
         while (!m_failure.isSet() && kyNetBuffer::tryBundle(m_batch, buffer) &&

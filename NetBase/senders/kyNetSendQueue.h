@@ -77,10 +77,11 @@ public:
     /// Takes the next buffer if there is one.
     bool tryPop(Buffer& buffer) { return m_buffers.try_pop(buffer); }
 
-    /// Whether at least so many wait, as far as can be told at any moment.
-    bool hasWaiting(std::size_t count) const
+    /// How many wait, callers that wait for room included, as far as can be told at any moment.
+    std::uint64_t countWaiting() const
     {
-        return m_buffers.size() >= static_cast<std::ptrdiff_t>(count); // Negative if workers wait.
+        const std::ptrdiff_t count = m_buffers.size(); // Negative if workers wait.
+        return count > 0 ? static_cast<std::uint64_t>(count) : 0;
     }
 
     /// Says that so many of the taken buffers are passed on, or dropped.

@@ -364,6 +364,27 @@ TEST(kyNetBufferedSender, handsBundlesOfSeveralBatchesToItsChildTogether)
     EXPECT_EQ(children[0]->messages().size(), 21u);
 }
 
+// What is taken would else be late by all that its callers can send meanwhile.
+TEST(kyNetBufferedSender, handsOverNoMoreThanWaitedWhenItBegan)
+{
+    const Children children = makeChildren(1);
+    const auto sender = makeSender(children, 2);
+    std::vector<std::future<void>> callers;
+    for (int t = 0; t < 2; ++t) {
+        callers.push_back(std::async(std::launch::async, [&] {
+            for (int i = 0; i < 300; ++i) {
+                sender->send(makeBuffer(std::string(65536, 'x')));
+            }
+        }));
+    }
+    callers.clear();
+    sender->waitAllDataTransfered();
+    const std::vector<std::size_t> together = children[0]->sentTogether();
+    // The first one, two in the queue, and two whose callers wait for room.
+    EXPECT_LE(*std::max_element(together.begin(), together.end()), 5u);
+    EXPECT_EQ(std::accumulate(together.begin(), together.end(), std::size_t{0}), 600u);
+}
+
 TEST(kyNetBufferedSender, leavesToOtherChildrenWhatTheyCanTake)
 {
     const Children children = makeChildren(4);
