@@ -17,9 +17,10 @@ class kyNetSendQueue;
 ///     sender->waitAllDataTransfered(); // or what is still queued is lost with the sender
 ///
 /// Whichever thread is free takes the next buffers: as many as are there, up to half the stream
-/// buffer size, and packs small ones into bundles. It never waits for more. While more are queued
-/// than the other threads can take it takes several such batches, up to 512 KiB, and hands them to
-/// its child together: a socket link then moves them with one call of the system.
+/// buffer size, and packs small ones into bundles. It never waits for more. If more wait behind
+/// them than the other threads can take, it takes further batches of those, up to 512 KiB, and
+/// hands all to its child together: a socket link then moves them with one call of the system.
+/// What comes meanwhile has its turn later.
 ///
 /// Order: buffers that one child sends leave in the order in which they were queued; with several
 /// children they overtake each other.
