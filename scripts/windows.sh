@@ -10,15 +10,11 @@ stage() {
     echo "-- $1 (after $SECONDS s)"
 }
 
-stage "the libraries"
-scripts/install-dependencies.sh wine wine64
-scripts/windows-prefix.sh
-
 stage "the library, its programs and its tests"
-cmake --preset windows >/dev/null
-cmake --build --preset windows --parallel "$(nproc)"
+scripts/windows-build.sh
 
 stage "the tests"
+scripts/install-dependencies.sh wine wine64
 # Twice as many as there are processors: a program's start is mostly waiting for Wine's server.
 scripts/with-wine.sh ctest --preset windows --parallel "$((2 * $(nproc)))" "$@"
 echo "Not run, as they cannot hold there:"
