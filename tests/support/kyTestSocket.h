@@ -11,8 +11,8 @@
 /// The other end of a link under test, made of plain system calls only, and what the system says
 /// about a socket.
 ///
-/// One source per system stands in platform/. Calls that the system refuses throw
-/// std::system_error; nothing waits longer than a test may.
+/// The source that systems share stands in platform/, one per system below it. Calls that the
+/// system refuses throw std::system_error; nothing waits longer than a test may.
 namespace kyTest {
 
 /// A TCP socket that does as it is told: trickles, stops, lies, resets.
@@ -139,6 +139,8 @@ bool isOpen(kySocketHandle handle);
 /// Codes as the system's last error has them.
 int getRefusedCode();
 int getTimedOutCode();
+int getResetCode();
+int getAbortedCode();
 int getBadHandleCode();
 int getNotConnectedCode();
 int getWouldBlockCode();

@@ -1,135 +1,32 @@
 #include <tests/support/kyTestSocket.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstring>
-#include <exception>
 #include <map>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <system_error>
 #include <thread>
 
 #include <winsock2.h>
-
-#include <ws2tcpip.h>
 
 #include <mstcpip.h>
 #include <windows.h>
 
 #include <Utils/platform/win32/kyHandle.h>
 #include <tests/support/kyTestWait.h>
+#include <tests/support/platform/kyTestSocketCalls.h>
 #include <tests/support/platform/win32/kyTestForbid.h>
 
 namespace kyTest {
 
 namespace {
 
-[[noreturn]] void fail(const char* what)
-{
-    throw std::system_error(::WSAGetLastError(), std::system_category(), what);
-}
-
-/// Passes what a call answered, unless it failed.
-int checked(int result, const char* what)
-{
-    if (result == SOCKET_ERROR) {
-        fail(what);
-    }
-    return result;
-}
-
 kySocketHandle checkedSocket(SOCKET made, const char* what)
 {
     if (made == INVALID_SOCKET) {
-        fail(what);
+        failCall(what);
     }
     return made;
-}
-
-sockaddr_in makeLoopback(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
-    address.sin_port = ::htons(static_cast<std::uint16_t>(port));
-    return address;
-}
-
-template <class Address> const sockaddr* pointerTo(const Address& address)
-{
-    return reinterpret_cast<const sockaddr*>(&address);
-}
-
-void startSockets()
-{
-    static const int s_outcome = [] {
-        WSADATA ignored{};
-        return ::WSAStartup(MAKEWORD(2, 2), &ignored);
-    }();
-    if (s_outcome != 0) {
-        throw std::system_error(s_outcome, std::system_category(), "WSAStartup");
-    }
-}
-
-kySocketHandle makeSocket(int family)
-{
-    startSockets();
-    return checkedSocket(::WSASocketW(family, SOCK_STREAM, 0, nullptr, 0,
-                                      WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT),
-                         "socket");
-}
-
-template <class Value>
-void setOption(kySocketHandle handle, int level, int name, const Value& value, const char* what)
-{
-    checked(::setsockopt(handle, level, name, reinterpret_cast<const char*>(&value), sizeof(value)),
-            what);
-}
-
-template <class Value> Value getOption(kySocketHandle handle, int level, int name)
-{
-    Value value{};
-    int size = sizeof(value);
-    checked(::getsockopt(handle, level, name, reinterpret_cast<char*>(&value), &size),
-            "getsockopt");
-    return value;
-}
-
-int getNumber(kySocketHandle handle, int level, int name)
-{
-    return getOption<int>(handle, level, name);
-}
-
-void setWaits(kySocketHandle handle, DWORD milliseconds)
-{
-    setOption(handle, SOL_SOCKET, SO_RCVTIMEO, milliseconds, "SO_RCVTIMEO");
-    setOption(handle, SOL_SOCKET, SO_SNDTIMEO, milliseconds, "SO_SNDTIMEO");
-}
-
-/// No test may wait for ever.
-void limitWaits(kySocketHandle handle)
-{
-    setWaits(handle, static_cast<DWORD>(std::chrono::milliseconds(s_patience).count()));
-}
-
-kySocketHandle makeBound()
-{
-    const kySocketHandle handle = makeSocket(AF_INET);
-    // Or whoever wants to would share the port.
-    setOption(handle, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, DWORD{1}, "SO_EXCLUSIVEADDRUSE");
-    const sockaddr_in address = makeLoopback(0);
-    checked(::bind(handle, pointerTo(address), sizeof(address)), "bind");
-    return handle;
-}
-
-int getBoundPort(kySocketHandle handle)
-{
-    sockaddr_in address{};
-    int size = sizeof(address);
-    checked(::getsockname(handle, reinterpret_cast<sockaddr*>(&address), &size), "getsockname");
-    return ::ntohs(address.sin_port);
 }
 
 int getFamily(kySocketHandle handle)
@@ -195,11 +92,6 @@ bool isBlocking(kySocketHandle handle)
     return code != WSAEWOULDBLOCK;
 }
 
-template <class Address> std::string toBytes(const Address& address)
-{
-    return {reinterpret_cast<const char*>(&address), sizeof(address)};
-}
-
 /// What the calling thread is refused, each with the code to be refused with.
 thread_local bool s_isWithoutIPv6 = false;
 thread_local std::optional<int> s_listenCode;
@@ -228,11 +120,12 @@ SOCKET WSAAPI makeSocketA(int family, int type, int protocol, LPWSAPROTOCOL_INFO
                                                           protocol, information, group, flags);
 }
 
-SOCKET WSAAPI makeSimpleSocket(int family, int type, int protocol)
+SOCKET WSAAPI makeSocketW(int family, int type, int protocol, LPWSAPROTOCOL_INFOW information,
+                          GROUP group, DWORD flags)
 {
-    return isRefusedFamily(family)
-               ? INVALID_SOCKET
-               : callOriginal<SOCKET>("ws2_32.dll", "socket", family, type, protocol);
+    return isRefusedFamily(family) ? INVALID_SOCKET
+                                   : callOriginal<SOCKET>("ws2_32.dll", "WSASocketW", family, type,
+                                                          protocol, information, group, flags);
 }
 
 int WSAAPI beginToListen(SOCKET socket, int backlog)
@@ -251,18 +144,10 @@ int WSAAPI receiveBytes(SOCKET socket, char* data, int size, int flags)
 void runWithout(const std::function<void()>& refuseIt, const std::function<void()>& action)
 {
     startSockets();
-    std::exception_ptr failure;
-    std::thread([&] {
-        try {
-            refuseIt();
-            action();
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    }).join();
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
+    runApart([&] {
+        refuseIt();
+        action();
+    });
 }
 
 std::atomic<int> s_interruptions{0};
@@ -274,143 +159,81 @@ kyHandle openThread(std::uint64_t threadId, DWORD rights)
 
 } // namespace
 
-RawSocket RawSocket::connectIPv4(int port)
+void failCall(const char* what)
 {
-    RawSocket socket(makeSocket(AF_INET));
-    limitWaits(socket.m_handle);
-    const sockaddr_in address = makeLoopback(port);
-    checked(::connect(socket.m_handle, pointerTo(address), sizeof(address)), "connect");
-    return socket;
+    throw std::system_error(::WSAGetLastError(), std::system_category(), what);
 }
 
-RawSocket RawSocket::connectIPv6(int port)
+void startSockets()
 {
-    RawSocket socket(makeSocket(AF_INET6));
-    limitWaits(socket.m_handle);
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
-    address.sin6_port = ::htons(static_cast<std::uint16_t>(port));
-    checked(::connect(socket.m_handle, pointerTo(address), sizeof(address)), "connect");
-    return socket;
-}
-
-void RawSocket::send(const std::string& bytes)
-{
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
-        sent += static_cast<std::size_t>(
-            checked(::send(m_handle, bytes.data() + sent, static_cast<int>(bytes.size() - sent), 0),
-                    "send"));
+    static const int s_outcome = [] {
+        WSADATA ignored{};
+        return ::WSAStartup(MAKEWORD(2, 2), &ignored);
+    }();
+    if (s_outcome != 0) {
+        throw std::system_error(s_outcome, std::system_category(), "WSAStartup");
     }
 }
 
-std::string RawSocket::receive(std::size_t length)
+kySocketHandle openSocket(int family)
 {
-    std::string bytes(length, '\0');
-    std::size_t received = 0;
-    while (received < length) {
-        const int count = checked(
-            ::recv(m_handle, bytes.data() + received, static_cast<int>(length - received), 0),
-            "recv");
-        if (count == 0) {
-            break;
-        }
-        received += static_cast<std::size_t>(count);
-    }
-    bytes.resize(received);
-    return bytes;
+    startSockets();
+    return checkedSocket(::WSASocketW(family, SOCK_STREAM, 0, nullptr, 0,
+                                      WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT),
+                         "socket");
 }
 
-void RawSocket::halfClose()
+kySocketHandle openBound()
 {
-    checked(::shutdown(m_handle, SD_SEND), "shutdown");
+    const kySocketHandle handle = openSocket(AF_INET);
+    // Or whoever wants to would share the port.
+    setOption(handle, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, DWORD{1}, "SO_EXCLUSIVEADDRUSE");
+    const sockaddr_in address = makeLoopback(0);
+    checked(::bind(handle, pointerTo(address), sizeof(address)), "bind");
+    return handle;
 }
 
-void RawSocket::close()
+void closeHandle(kySocketHandle handle)
 {
-    if (m_handle != s_invalidSocketHandle) {
-        ::closesocket(release());
-    }
+    ::closesocket(handle);
 }
 
-void RawSocket::reset()
+void setWaits(kySocketHandle handle, std::chrono::milliseconds limit)
 {
-    setOption(m_handle, SOL_SOCKET, SO_LINGER, linger{1, 0}, "SO_LINGER");
-    close();
+    const auto time = static_cast<DWORD>(limit.count());
+    setOption(handle, SOL_SOCKET, SO_RCVTIMEO, time, "SO_RCVTIMEO");
+    setOption(handle, SOL_SOCKET, SO_SNDTIMEO, time, "SO_SNDTIMEO");
 }
 
-RawListener::RawListener(int backlog) : m_handle(makeBound())
-{
-    checked(::listen(m_handle, backlog), "listen");
-}
-
-RawListener::~RawListener()
-{
-    ::closesocket(m_handle);
-}
-
-int RawListener::getPort() const
-{
-    return getBoundPort(m_handle);
-}
-
-RawSocket RawListener::accept()
+kySocketHandle acceptNext(kySocketHandle listening)
 {
     // An accept that waits knows no limit here.
-    WSAPOLLFD waiting{m_handle, POLLRDNORM, 0};
+    WSAPOLLFD waiting{listening, POLLRDNORM, 0};
     const auto limit = static_cast<int>(std::chrono::milliseconds(s_patience).count());
     if (checked(::WSAPoll(&waiting, 1, limit), "poll") == 0) {
         throw std::system_error(WSAETIMEDOUT, std::system_category(), "accept");
     }
-    RawSocket accepted(checkedSocket(::accept(m_handle, nullptr, nullptr), "accept"));
-    limitWaits(accepted.getHandle());
-    return accepted;
+    return checkedSocket(::accept(listening, nullptr, nullptr), "accept");
 }
 
-FullListener::FullListener() : m_listener(0)
+void beginToConnect(kySocketHandle handle, const sockaddr_in& address)
 {
-    // The others hang in their connect.
-    const sockaddr_in address = makeLoopback(m_listener.getPort());
-    for (kySocketHandle& waiting : m_waiting) {
-        waiting = makeSocket(AF_INET);
-        u_long isNotBlocking = 1;
-        checked(::ioctlsocket(waiting, static_cast<long>(FIONBIO), &isNotBlocking), "FIONBIO");
-        if (::connect(waiting, pointerTo(address), sizeof(address)) != 0 &&
-            ::WSAGetLastError() != WSAEWOULDBLOCK) {
-            fail("connect");
-        }
+    u_long isNotBlocking = 1;
+    checked(::ioctlsocket(handle, static_cast<long>(FIONBIO), &isNotBlocking), "FIONBIO");
+    if (::connect(handle, pointerTo(address), sizeof(address)) != 0 &&
+        ::WSAGetLastError() != WSAEWOULDBLOCK) {
+        failCall("connect");
     }
 }
 
-FullListener::~FullListener()
+long long sendSome(kySocketHandle handle, const char* data, std::size_t size)
 {
-    for (const kySocketHandle waiting : m_waiting) {
-        ::closesocket(waiting);
-    }
-}
-
-ClosedPort::ClosedPort() : m_handle(makeBound()), m_port(getBoundPort(m_handle)) {}
-
-ClosedPort::~ClosedPort()
-{
-    ::closesocket(m_handle);
-}
-
-std::pair<kySocketHandle, kySocketHandle> makeConnection()
-{
-    RawListener listener;
-    const sockaddr_in address = makeLoopback(listener.getPort());
-    const kySocketHandle first = makeSocket(AF_INET);
-    checked(::connect(first, pointerTo(address), sizeof(address)), "connect");
-    RawSocket second = listener.accept();
-    setWaits(second.getHandle(), 0);
-    return {first, second.release()};
+    return ::send(handle, data, static_cast<int>(size), 0);
 }
 
 kySocketHandle makeUnconnected()
 {
-    return makeBound(); // One that is not bound has no name either.
+    return openBound(); // One that is not bound has no name either.
 }
 
 std::pair<kySocketHandle, kySocketHandle> makeLocalConnection()
@@ -458,6 +281,16 @@ int getTimedOutCode()
     return WSAETIMEDOUT;
 }
 
+int getResetCode()
+{
+    return WSAECONNRESET;
+}
+
+int getAbortedCode()
+{
+    return WSAECONNABORTED;
+}
+
 int getBadHandleCode()
 {
     return WSAENOTSOCK;
@@ -488,31 +321,6 @@ int getPortTakenCode()
     return WSAEACCES;
 }
 
-std::string makeIPv4Record(const std::string& address, int port)
-{
-    startSockets();
-    sockaddr_in record{};
-    record.sin_family = AF_INET;
-    record.sin_port = ::htons(static_cast<std::uint16_t>(port));
-    if (::inet_pton(AF_INET, address.c_str(), &record.sin_addr) != 1) {
-        throw std::invalid_argument(address);
-    }
-    return toBytes(record);
-}
-
-std::string makeIPv6Record(const std::string& address, int port, std::uint32_t scope)
-{
-    startSockets();
-    sockaddr_in6 record{};
-    record.sin6_family = AF_INET6;
-    record.sin6_port = ::htons(static_cast<std::uint16_t>(port));
-    record.sin6_scope_id = scope;
-    if (::inet_pton(AF_INET6, address.c_str(), &record.sin6_addr) != 1) {
-        throw std::invalid_argument(address);
-    }
-    return toBytes(record);
-}
-
 std::string makeForeignRecord()
 {
     sockaddr record{};
@@ -520,27 +328,12 @@ std::string makeForeignRecord()
     return toBytes(record);
 }
 
-bool hasIPv6()
-{
-    startSockets();
-    const SOCKET probe = ::socket(AF_INET6, SOCK_STREAM, 0);
-    if (probe == INVALID_SOCKET) {
-        return false;
-    }
-    sockaddr_in6 address{};
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
-    const bool isBound = ::bind(probe, pointerTo(address), sizeof(address)) == 0;
-    ::closesocket(probe);
-    return isBound;
-}
-
 void runWithoutIPv6(const std::function<void()>& action)
 {
     const auto refuseIt = [] {
         s_isWithoutIPv6 = true;
         detour("ws2_32.dll", "WSASocketA", makeSocketA);
-        detour("ws2_32.dll", "socket", makeSimpleSocket);
+        detour("ws2_32.dll", "WSASocketW", makeSocketW);
     };
     runWithout(refuseIt, action);
 }
