@@ -455,6 +455,18 @@ TEST(kySocketLink, saysWhyAReceiveFailed)
     EXPECT_THROW(link.checkAlive(), kyConnectionClosed);
 }
 
+TEST(kySocketLink, takesAResetAndAnAbortForTheEnd)
+{
+    for (const int code : {kyTest::getResetCode(), kyTest::getAbortedCode()}) {
+        LinkPair ends;
+        kyTest::runWithFailingReceive(code, [&] {
+            char byte = 0;
+            EXPECT_THROW(ends.first->recv(&byte, 1), kyConnectionClosed);
+        });
+        EXPECT_THROW(ends.first->checkAlive(), kyConnectionClosed);
+    }
+}
+
 // The code of a connection that the system gave up is not the one of a time limit.
 TEST(kySocketLink, takesADeadPeerForAFailureAndNoTimeout)
 {
@@ -649,6 +661,25 @@ TEST(kySocketLink, pollsAPeerThatIsGone)
             ends.link->recv(&byte, 1);
         },
         kyConnectionClosed);
+}
+
+// It may still read what it is sent.
+TEST(kySocketLink, pollsAPeerThatSendsNoMore)
+{
+    LinkAndPeer ends;
+    ends.peer.halfClose();
+    EXPECT_TRUE(ends.link->pollReadable(10.0));
+    EXPECT_TRUE(ends.link->pollWritable(10.0));
+
+    sendUntilFull(*ends.link);
+    EXPECT_TRUE(ends.link->pollReadable(0.0));
+    EXPECT_FALSE(ends.link->pollWritable(0.0));
+    Blocked writer([&] { EXPECT_TRUE(ends.link->pollWritable(-1.0)); });
+    EXPECT_TRUE(writer.isBlocked());
+    while (!ends.link->pollWritable(0.0)) {
+        ends.peer.receive(1 << 16);
+    }
+    writer.finish();
 }
 
 TEST(kySocketLink, pollsAClosedLink)

@@ -21,6 +21,10 @@ namespace {
 /// and on old systems a connect that has failed.
 constexpr int s_longestPoll = 200;
 
+/// How long a poll pauses at least where the system would answer at once, with nothing that was
+/// asked for.
+constexpr int s_shortestPoll = 1;
+
 /// The sockets that this side has shut down and not closed yet. A poll that began before or begins
 /// later hears nothing of it from the system.
 class ShutDownSockets
@@ -172,17 +176,22 @@ WSAPOLLFD toSystem(const PollEntry& entry)
     return {entry.handle, static_cast<short>(events), 0};
 }
 
+/// The system calls the end of the peer's stream a hang-up, which is nothing to read in its words.
+unsigned fromHangUp(const PollEntry& entry)
+{
+    const bool isGone = shutDownSockets().contains(entry.handle);
+    return (entry.wanted & Readable) | (isGone ? HungUp : None);
+}
+
 unsigned fromSystem(const PollEntry& entry, int events)
 {
     unsigned ready = None;
     ready |= (events & POLLRDNORM) != 0 ? Readable : 0u;
     ready |= (events & POLLWRNORM) != 0 ? Writable : 0u;
-    ready |= (events & POLLHUP) != 0 ? HungUp : 0u;
     ready |= (events & POLLERR) != 0 ? InError : 0u;
     ready |= (events & POLLNVAL) != 0 ? Unusable : 0u;
-    // The system calls the end of the stream a hang-up, which is nothing to read in its words.
-    if ((ready & (HungUp | InError)) == HungUp) {
-        ready |= entry.wanted & Readable;
+    if ((events & POLLHUP) != 0) {
+        ready |= (events & POLLERR) != 0 ? HungUp : fromHangUp(entry);
     }
     return ready;
 }
@@ -233,13 +242,19 @@ int spread(const std::vector<WSAPOLLFD>& system, PollEntry* entries, std::size_t
 int pollOnce(PollEntry* entries, std::size_t count, int milliseconds)
 {
     std::vector<WSAPOLLFD> system = collect(entries, count);
+    int told = 0;
     int code = 0;
     if (system.empty()) {
         ::Sleep(static_cast<DWORD>(milliseconds)); // The system refuses to poll nothing.
-    } else if (::WSAPoll(system.data(), static_cast<ULONG>(system.size()), milliseconds) < 0) {
-        code = ::WSAGetLastError();
+    } else {
+        told = ::WSAPoll(system.data(), static_cast<ULONG>(system.size()), milliseconds);
+        code = told < 0 ? ::WSAGetLastError() : 0;
     }
     const int ready = spread(system, entries, count);
+    if (told > 0 && ready == 0) {
+        // The end of a peer's stream ends every poll, also one that waits for room only.
+        ::Sleep(static_cast<DWORD>(std::min(milliseconds, s_shortestPoll)));
+    }
     // Where no handle is a socket the system fails, but says it of each, too. Whoever shuts a
     // socket down may break the poll off, which is no failure either.
     if (ready > 0 || code == 0 || code == WSA_OPERATION_ABORTED || code == WSAEINTR) {
