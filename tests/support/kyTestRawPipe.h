@@ -100,7 +100,7 @@ bool standForSocket(const std::string& bytes, std::uint64_t socket);
 /// The longest name of a pipe, in characters.
 std::size_t longestPipeName();
 
-/// What a service says of a client that was gone before it was waited for.
-std::string goneClientText();
+/// Whether a service passes over a client that was gone before it was waited for.
+bool isGoneClientPassedOver();
 
 } // namespace kyTest

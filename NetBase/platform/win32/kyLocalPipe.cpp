@@ -84,8 +84,8 @@ DWORD waitFor(const std::array<HANDLE, count>& events, const kyDeadline& deadlin
                                     static_cast<DWORD>(deadline.left()));
 }
 
-/// Whether whoever made the pipe is trusted.
-bool isServerTrusted(const kyHandle& pipe)
+/// Whether whoever made the first pipe of this name is trusted.
+bool isMakerTrusted(const kyHandle& pipe)
 {
     PSID owner = nullptr;
     PSECURITY_DESCRIPTOR security = nullptr;
@@ -96,6 +96,20 @@ bool isServerTrusted(const kyHandle& pipe)
     return isTrusted;
 }
 
+kyHandle openProcess(ULONG processId)
+{
+    return kyHandle(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+}
+
+/// Whether the process at the other end is trusted. It need not be the one that made the pipe:
+/// everybody who may write to one may serve further clients under its name.
+bool isServerTrusted(const kyHandle& pipe)
+{
+    ULONG processId = 0;
+    return isMakerTrusted(pipe) && ::GetNamedPipeServerProcessId(pipe.get(), &processId) != FALSE &&
+           kyTrust::isTrustedProcess(openProcess(processId));
+}
+
 /// Whether the process at the other end is trusted, or has ended already: what is left of such a
 /// one harms nobody.
 bool isClientTrusted(const kyHandle& pipe)
@@ -104,7 +118,7 @@ bool isClientTrusted(const kyHandle& pipe)
     if (::GetNamedPipeClientProcessId(pipe.get(), &processId) == FALSE) {
         return false;
     }
-    const kyHandle process(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+    const kyHandle process = openProcess(processId);
     return process.isValid() ? kyTrust::isTrustedProcess(process)
                              : ::GetLastError() != ERROR_ACCESS_DENIED;
 }
@@ -312,11 +326,8 @@ public:
 private:
     Status waitForAnyClient(const kyDeadline& deadline)
     {
-        const auto connect = [this](OVERLAPPED* record) {
-            return ::ConnectNamedPipe(m_pipe.get(), record);
-        };
         // A wait that timed out goes on.
-        if (!m_transfer.isPending() && !m_transfer.begin(connect)) {
+        if (!m_transfer.isPending() && !beginToWait()) {
             return ::GetLastError() == ERROR_PIPE_CONNECTED ? Status::Done : Status::Failed;
         }
         DWORD count = 0;
@@ -328,6 +339,17 @@ private:
         default:
             return Status::Failed;
         }
+    }
+
+    /// Begins to wait for a client; a client that has come and gone is in the way of the next.
+    bool beginToWait()
+    {
+        const auto connect = [this](OVERLAPPED* record) {
+            return ::ConnectNamedPipe(m_pipe.get(), record);
+        };
+        return m_transfer.begin(connect) ||
+               (::GetLastError() == ERROR_NO_DATA && ::DisconnectNamedPipe(m_pipe.get()) != FALSE &&
+                m_transfer.begin(connect));
     }
 
     /// Some of the eight bytes of a socket, which may arrive in pieces.
@@ -459,8 +481,10 @@ kyLocalPipe::Status kyLocalPipe::connect(const std::string& name,
     if (!isName(name)) {
         return Status::Failed;
     }
+    // Whoever serves the pipe learns who opens it, and cannot act in that one's name.
+    constexpr DWORD flags = FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
     kyHandle opened(::CreateFileA(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                  OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+                                  OPEN_EXISTING, flags, nullptr));
     if (!opened.isValid()) {
         return ::GetLastError() == ERROR_PIPE_BUSY ? Status::Busy : Status::Failed;
     }
