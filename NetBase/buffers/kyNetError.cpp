@@ -26,7 +26,7 @@ std::string kyNetError::getLastErrorString()
     if (code == 0) {
         return {};
     }
-    std::string text = std::to_string(code) + ":" + kyLastError::getText(code);
+    std::string text = kyLastError::getNumber(code) + ":" + kyLastError::getText(code);
     kyLastError::set(code);
     return text;
 }

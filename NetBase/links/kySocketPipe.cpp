@@ -32,7 +32,7 @@ int toMilliseconds(double seconds)
 
 std::string lastErrorCode()
 {
-    return "Error:" + std::to_string(kyLastError::get());
+    return "Error:" + kyLastError::getNumber(kyLastError::get());
 }
 
 std::string makeUniqueName()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 /// The operating system's last error of the calling thread, as the code that its calls leave
@@ -16,6 +17,12 @@ void set(int code);
 
 /// Makes the code 0.
 void clear();
+
+/// The code in decimal, as the system lists it: some systems use all bits, and have none below 0.
+inline std::string getNumber(int code)
+{
+    return std::to_string(static_cast<std::uint32_t>(code));
+}
 
 /// The system's text for a code, in English where the system leaves that to us; "" if it has none.
 /// May change the last error.

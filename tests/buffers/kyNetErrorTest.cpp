@@ -91,10 +91,16 @@ TEST(kyNetError, lastErrorIsItsCodeAndTheTextOfTheSystem)
 
 TEST(kyNetError, lastErrorWithoutATextIsItsCode)
 {
-    for (const int code : {99999, -5, 2147483647}) {
+    for (const int code : {99999, 2147483647}) {
         kyLastError::set(code);
         EXPECT_EQ(kyNetError::getLastErrorString(), std::to_string(code) + ":");
     }
+}
+
+TEST(kyNetError, lastErrorThatFillsAllBitsIsNotNegative)
+{
+    kyLastError::set(static_cast<int>(0xfffffff0));
+    EXPECT_EQ(kyNetError::getLastErrorString(), "4294967280:");
 }
 
 TEST(kyNetError, askingLeavesTheLastErrorAsItWas)
