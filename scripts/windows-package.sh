@@ -16,12 +16,13 @@ rm -r "$package"/lib/cmake "$package"/lib/pkgconfig
 importsOf() {
     x86_64-w64-mingw32-objdump --private-headers "$1" | sed -n 's/^\tDLL Name: //p'
 }
-# What stands in the build's folder of programs and is not Windows' own.
+# What stands in the build's folder of programs and is not Windows' own; without what only a debugger
+# reads, as the programs are installed.
 addImportsOf() {
     local library
     for library in $(importsOf "$1"); do
         if [ -e "$build/bin/$library" ] && [ ! -e "$package/bin/$library" ]; then
-            cp "$build/bin/$library" "$package/bin/"
+            x86_64-w64-mingw32-strip -o "$package/bin/$library" "$build/bin/$library"
             addImportsOf "$package/bin/$library"
         fi
     done
