@@ -21,7 +21,8 @@ double getProcessorSeconds(long long processId);
 /// Ends the process without giving it a chance to notice.
 void killProcess(long long processId);
 
-/// Lets the process do nothing any more, without its connections noticing, until it is resumed.
+/// Lets the process do nothing any more, without its connections noticing, until it is resumed; it
+/// stands still when the call returns. Not on Windows, where no test needs it.
 void suspendProcess(long long processId);
 void resumeProcess(long long processId);
 
