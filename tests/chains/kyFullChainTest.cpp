@@ -152,22 +152,22 @@ std::unique_ptr<kyNetStream> makeSendingStream(const Links& links)
 
 } // namespace
 
-TEST(kyFullChain, aMillionMulticastsOverFourLinksArriveInOrder)
+TEST(kyFullChain, multicastsOverFourLinksArriveInOrder)
 {
     Conversation conversation(4);
-    expectAllArrive(conversation, s_isSlow ? 150000 : 1000000);
+    expectAllArrive(conversation, s_isSlow ? 150000 : 300000);
 }
 
 TEST(kyFullChain, encryptedMulticastsOverFourLinksArriveInOrder)
 {
     Conversation conversation(4, true);
-    expectAllArrive(conversation, s_isSlow ? 70000 : 200000);
+    expectAllArrive(conversation, s_isSlow ? 70000 : 100000);
 }
 
 TEST(kyFullChain, multicastsOverOneLinkArriveInOrder)
 {
     Conversation conversation(1);
-    expectAllArrive(conversation, s_isSlow ? 70000 : 200000);
+    expectAllArrive(conversation, s_isSlow ? 70000 : 100000);
 }
 
 TEST(kyFullChain, everyContentIsCompressedThatCanBe)
@@ -208,7 +208,7 @@ TEST(kyFullChain, contentsOfEverySizeAroundTheLimits)
 
 TEST(kyFullChain, unicastsOvertakeAndAllArriveOnce)
 {
-    constexpr std::uint32_t s_count = 10000;
+    constexpr std::uint32_t s_count = 5000;
     Conversation conversation(4);
     auto sending = std::async(std::launch::async, [&] {
         for (std::uint32_t number = 0; number < s_count; ++number) {
@@ -265,7 +265,7 @@ TEST(kyFullChain, valuesAndTextsOfAStream)
 // The chains of docs/chains.md: large buffers are compressed and queued, small ones leave at once.
 TEST(kyFullChain, largeAndSmallOverTwoKindsOfChannels)
 {
-    constexpr std::uint32_t s_count = 20000;
+    constexpr std::uint32_t s_count = 10000;
     const Channels channels(6);
     const Links image(channels.near.begin(), channels.near.begin() + 4);
     const Links lowLatency(channels.near.begin() + 4, channels.near.end());

@@ -761,7 +761,7 @@ TEST(kyNetBufferedSender, failureWakesEverySendThatWaitsForRoom)
 
 TEST(kyNetBufferedSender, failureWhileManySendBlocksNobody)
 {
-    for (int round = 1; round <= 20; ++round) {
+    for (int round = 1; round <= 8; ++round) {
         const Children children = makeChildren(3);
         for (const auto& child : children) {
             child->failAt(round * 3, Failure().pointer);
