@@ -25,6 +25,7 @@
 #include <NetBase/serialization/kyNetMessage.h>
 #include <NetBase/serialization/kyNetStream.h>
 #include <NetBase/service/kyNetServiceStatus.h>
+#include <Utils/kyPlatform.h>
 #include <apps/common/ServiceClient.h>
 #include <tests/support/kyTestRawPipe.h>
 
@@ -235,7 +236,8 @@ struct HandOver
 
 HandOver handOver()
 {
-    const std::string name = "\\\\.\\pipe\\taloService-{wire-format}";
+    const std::string name =
+        "\\\\.\\pipe\\taloService-{wire-format-" + std::to_string(kyPlatform::getProcessId()) + "}";
     kyTest::RawPipe service = kyTest::RawPipe::listen(name);
     kySocketPipe server(name);
     auto receiving = std::async(std::launch::async,
