@@ -97,6 +97,37 @@ TEST(kyNetBufferPool, returnedBuffersAreReusedInTheOrderTheyCameBack)
     }
 }
 
+TEST(kyNetBufferPool, orderIsThatOfComingBackWhicheverThreadsRelease)
+{
+    kyNetBufferPool pool;
+    Buffers held;
+    pool.getMany(4, held);
+    std::vector<kyNetBuffer*> order;
+    for (const std::size_t i : {2U, 0U, 3U, 1U}) {
+        order.push_back(held[i].get());
+        std::thread([&, i] { held[i].reset(); }).join();
+    }
+    for (kyNetBuffer* expected : order) {
+        held.push_back(pool.get());
+        EXPECT_EQ(held.back().get(), expected);
+    }
+}
+
+TEST(kyNetBufferPool, whatOneThreadHasReleasedServesEveryOther)
+{
+    kyNetBufferPool pool;
+    std::set<kyNetBuffer*> made;
+    for (int round = 0; round < 20; ++round) { // Threads come and go, no buffer is lost with them.
+        std::thread([&] {
+            Buffers held;
+            pool.getMany(10, held);
+            const std::set<kyNetBuffer*> addresses = addressesOf(held);
+            made.insert(addresses.begin(), addresses.end());
+        }).join();
+    }
+    EXPECT_EQ(made.size(), 10U);
+}
+
 TEST(kyNetBufferPool, getManyOfNoneChangesNothing)
 {
     kyNetBufferPool pool;
@@ -168,6 +199,34 @@ TEST(kyNetBufferPool, buffersOutliveTheirPool)
     std::memset(held[0]->getData(), 1, kyNetBuffer::getCapacity());
     held[0].reset();
     EXPECT_EQ(held[1].use_count(), 1);
+}
+
+TEST(kyNetBufferPool, buffersOfManyThreadsOutliveTheirPool)
+{
+    for (int round = 0; round < 200; ++round) {
+        auto pool = std::make_unique<kyNetBufferPool>();
+        std::vector<std::weak_ptr<kyNetBuffer>> ends(3);
+        std::atomic<int> holding{0};
+        std::vector<std::thread> threads;
+        for (std::weak_ptr<kyNetBuffer>& end : ends) {
+            threads.emplace_back([&] {
+                Buffers held;
+                pool->getMany(3, held);
+                end = held.front();
+                held.pop_back();
+                ++holding;
+                held.clear(); // While the pool goes, or after it.
+            });
+        }
+        while (holding != 3) {
+            std::this_thread::yield();
+        }
+        pool.reset();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_TRUE(ends.front().expired());
+    }
 }
 
 TEST(kyNetBufferPool, copiesShareTheirBuffers)
