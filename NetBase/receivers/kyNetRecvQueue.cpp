@@ -8,14 +8,25 @@
 
 kyNetRecvQueue::Source::Source(kyNetRecvQueue& queue) : m_queue(queue)
 {
+    const Lock lock(m_queue.m_mutex);
     ++m_queue.m_sources;
 }
 
 kyNetRecvQueue::Source::~Source()
 {
-    // Before the reader is woken, or it might look too early and wait again.
-    --m_queue.m_sources;
+    {
+        // Before the reader is woken, or it might look too early and wait again.
+        const Lock lock(m_queue.m_mutex);
+        --m_queue.m_sources;
+    }
     m_queue.pushFailure();
+}
+
+void kyNetRecvQueue::push(Buffer buffer)
+{
+    Lock lock(m_mutex);
+    m_arrived.push(std::move(buffer));
+    wakeReader(lock);
 }
 
 void kyNetRecvQueue::pushFailure() noexcept
@@ -24,13 +35,17 @@ void kyNetRecvQueue::pushFailure() noexcept
         // Not an empty buffer: such come from peers, too, and take memory.
         push(nullptr);
     } catch (const std::bad_alloc&) {
-        m_arrived.abort(); // Wakes a waiting reader all the same.
+        Lock lock(m_mutex);
+        m_isFailureUntold = true; // Wakes a waiting reader all the same.
+        wakeReader(lock);
     }
 }
 
 void kyNetRecvQueue::recv(Buffer& buffer)
 {
-    takeArrived();
+    if (m_taken.empty() && !takeArrived()) {
+        throwEnd();
+    }
     Buffer next = std::move(m_taken.front());
     m_taken.pop();
     if (!next) {
@@ -51,38 +66,33 @@ void kyNetRecvQueue::recvAvailable(std::queue<Buffer>& queue)
 
 bool kyNetRecvQueue::isReadable()
 {
-    Buffer buffer;
-    if (m_taken.empty() && m_arrived.try_pop(buffer)) {
-        m_taken.push(std::move(buffer));
-    }
-    return !m_taken.empty() || isAtEnd();
+    const Lock lock(m_mutex);
+    return !m_taken.empty() || !m_arrived.empty() || m_isFailureUntold ||
+           (m_sources == 0 && m_failure.isSet());
 }
 
-void kyNetRecvQueue::takeArrived()
+/// Blocks until something has arrived; false if nothing can come any more.
+bool kyNetRecvQueue::takeArrived()
 {
-    if (!m_taken.empty()) {
-        return;
+    Lock lock(m_mutex);
+    while (m_arrived.empty() && m_sources != 0 && !m_isFailureUntold) {
+        m_isReaderAsleep = true;
+        m_arrival.wait(lock);
     }
-    Buffer buffer;
-    if (m_sources != 0) {
-        awaitArrival(buffer);
-    } else if (!m_arrived.try_pop(buffer)) {
-        throwEnd();
+    m_isReaderAsleep = false;
+    if (m_arrived.empty()) {
+        m_isFailureUntold = false;
     }
-    m_taken.push(std::move(buffer));
-
-    // What comes meanwhile is left for the next time, or a fast peer would keep the reader here.
-    for (auto left = m_arrived.size(); left > 0 && m_arrived.try_pop(buffer); --left) {
-        m_taken.push(std::move(buffer));
-    }
+    std::swap(m_taken, m_arrived);
+    return !m_taken.empty();
 }
 
-void kyNetRecvQueue::awaitArrival(Buffer& buffer)
+void kyNetRecvQueue::wakeReader(Lock& lock)
 {
-    try {
-        m_arrived.pop(buffer);
-    } catch (const tbb::user_abort&) {
-        throwEnd();
+    const bool isAsleep = std::exchange(m_isReaderAsleep, false);
+    lock.unlock();
+    if (isAsleep) {
+        m_arrival.notify_one();
     }
 }
 

@@ -1,11 +1,10 @@
 #pragma once
 
-#include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <queue>
 #include <utility>
-
-#include <tbb/concurrent_queue.h>
 
 #include <NetBase/buffers/kyNetAffinityManager.h>
 #include <NetBase/buffers/kyNetFirstFailure.h>
@@ -26,6 +25,9 @@ class kyNetBuffer;
 ///
 /// A source only ends by a failure, and the reader is told of it behind everything that came
 /// before. Once all sources have ended and nothing is left, nobody waits.
+///
+/// The reader takes all that has arrived at once, and is only woken where it sleeps: one that is
+/// slower than the sources meets them once for all that it then delivers.
 ///
 /// Threads: any number push; one at a time calls recv, recvAvailable and isReadable.
 class kyNetRecvQueue
@@ -50,7 +52,7 @@ public:
     /// A source that has to end before the queue does.
     std::shared_ptr<Source> addSource() { return std::make_shared<Source>(*this); }
 
-    void push(Buffer buffer) { m_arrived.push(std::move(buffer)); }
+    void push(Buffer buffer);
 
     /// What a step of a worker throws is kept by this: the first is the failure.
     kyNetFirstFailure& getFailure() { return m_failure; }
@@ -85,13 +87,19 @@ public:
     bool isReadable();
 
 private:
-    bool isAtEnd() const { return m_sources == 0 && m_failure.isSet(); }
-    void takeArrived();
-    void awaitArrival(Buffer& buffer);
+    using Lock = std::unique_lock<std::mutex>;
+
+    bool takeArrived();
+    void wakeReader(Lock& lock);
     [[noreturn]] void throwEnd() const;
 
-    tbb::concurrent_bounded_queue<Buffer> m_arrived; ///< A null pointer tells of a failure.
-    std::queue<Buffer> m_taken;                      ///< The reader's part of what has arrived.
+    std::queue<Buffer> m_taken; ///< The reader's part of what has arrived.
     kyNetFirstFailure m_failure;
-    std::atomic<int> m_sources{0};
+
+    std::mutex m_mutex; ///< Of all that follows.
+    std::condition_variable m_arrival;
+    std::queue<Buffer> m_arrived; ///< A null pointer tells of a failure.
+    int m_sources = 0;
+    bool m_isReaderAsleep = false;
+    bool m_isFailureUntold = false; ///< There was no memory to queue it.
 };

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 #include <queue>
 #include <utility>
 #include <vector>
@@ -21,14 +20,12 @@ using Buffer = std::shared_ptr<kyNetBuffer>;
 /// cache when the peer reads them on the same machine.
 constexpr std::uint64_t s_mostAtOnce = 524288;
 
-constexpr std::uint64_t s_any = std::numeric_limits<std::uint64_t>::max();
-
 /// The thread of one child.
 class Worker
 {
 public:
-    Worker(kyNetSendQueue& queue, const std::shared_ptr<kyNetSender>& child, std::size_t workers)
-        : m_queue(queue), m_failure(queue.getFailure()), m_child(child), m_workers(workers)
+    Worker(kyNetSendQueue& queue, const std::shared_ptr<kyNetSender>& child)
+        : m_queue(queue), m_failure(queue.getFailure()), m_child(child)
     {
     }
 
@@ -36,88 +33,82 @@ public:
     {
         m_failure.attempt(
             [this] { kyNetAffinityManager::setNodeAffinity(m_child->getNodeAffinity()); });
-        do {
-            m_taken = 0;
+        while (take()) {
+            const std::size_t count = m_taken.buffers.size();
+            const bool hasEmpty = count > 0 && m_taken.buffers.back()->getDataSize() == 0;
             m_failure.attempt([this] {
-                takeBatches();
+                pack();
                 if (!m_out.empty()) {
                     m_child->sendMany(m_out);
                 }
             });
-            dropTaken();
-            m_queue.release(m_taken);
-        } while (!m_hasTakenEmpty || !m_queue.letsWorkersEnd());
+            drop();
+            m_queue.release(count);
+            // After a failure others may still wait for room.
+            if (hasEmpty && !m_failure.isSet()) {
+                return;
+            }
+        }
     }
 
 private:
-    /// Takes a batch, and more of what waits behind it than the other workers can take. What comes
-    /// meanwhile has its turn later: what is taken would have to wait for it.
-    void takeBatches()
+    /// False when the queue ends.
+    bool take()
     {
-        std::uint64_t size = takeBatch(s_any, [this](Buffer& buffer) {
-            const auto turn = m_queue.awaitTurn();
-            m_queue.pop(buffer);
-            return true;
-        });
-        const std::uint64_t others = m_workers - 1;
-        const std::uint64_t waiting = m_queue.countWaiting();
-        const std::uint64_t end = m_taken + (waiting > others ? waiting - others : 0);
-        bool isThere = true;
-        while (isThere && m_taken < end && size < s_mostAtOnce && mayTake()) {
-            size += takeBatch(end - m_taken, [this, &isThere](Buffer& buffer) {
-                return isThere = m_queue.tryPop(buffer);
-            });
+        bool isOpen = true;
+        m_limit = static_cast<std::uint64_t>(kyNetOptions::getStreamBufferSize() / 2);
+        m_failure.attempt([&] { isOpen = m_queue.pop(m_taken, m_limit, s_mostAtOnce); });
+        return isOpen;
+    }
+
+    /// Packs what was taken in batches, each of which ends with the buffer that reaches the limit.
+    void pack()
+    {
+        while (!m_taken.buffers.empty()) {
+            takeBatch();
+            for (Buffer buffer; !m_failure.isSet() && kyNetBuffer::tryBundle(m_batch, buffer) &&
+                                buffer->getDataSize() != 0;) {
+                m_out.push_back(std::move(buffer));
+            }
         }
     }
 
-    /// Takes a buffer, and with it those that are there, until they are `most`, exceed half the
-    /// stream buffer size or one is empty. Packs them, and answers how many bytes they have on the
-    /// wire.
-    template <class TakeFirst>
-    std::uint64_t takeBatch(std::uint64_t most, const TakeFirst& takeFirst)
+    void takeBatch()
     {
-        const auto limit = static_cast<std::uint64_t>(kyNetOptions::getStreamBufferSize() / 2);
-        Buffer buffer;
+        if (m_taken.size <= m_limit) { // As a rule.
+            std::swap(m_batch, m_taken.buffers);
+            return;
+        }
         std::uint64_t size = 0;
-        for (bool has = takeFirst(buffer); has;
-             has = --most > 0 && size < limit && mayTake() && m_queue.tryPop(buffer)) {
-            size += addToBatch(buffer);
-        }
-        while (!m_failure.isSet() && kyNetBuffer::tryBundle(m_batch, buffer) &&
-               buffer->getDataSize() != 0) {
-            m_out.push_back(std::move(buffer));
-        }
-        return size;
+        do {
+            size += m_taken.buffers.front()->getBufferSize();
+            m_batch.push(std::move(m_taken.buffers.front()));
+            m_taken.buffers.pop();
+        } while (size < m_limit && !m_taken.buffers.empty());
     }
 
-    bool mayTake() const { return !m_failure.isSet() && !m_hasTakenEmpty; }
-
-    /// Bytes of the buffer on the wire. What was taken is known even if there is no memory left.
-    std::uint64_t addToBatch(Buffer& buffer)
-    {
-        const std::uint64_t size = buffer->getBufferSize();
-        ++m_taken;
-        m_hasTakenEmpty = buffer->getDataSize() == 0;
-        m_batch.push(std::move(buffer));
-        return size;
-    }
-
-    void dropTaken()
+    void drop()
     {
         m_out.clear();
-        while (!m_batch.empty()) {
-            m_batch.pop();
+        clear(m_batch);
+        clear(m_taken.buffers);
+        m_taken.size = 0;
+    }
+
+    static void clear(std::queue<Buffer>& buffers)
+    {
+        while (!buffers.empty()) {
+            buffers.pop();
         }
     }
 
     kyNetSendQueue& m_queue;
     kyNetFirstFailure& m_failure;
     std::shared_ptr<kyNetSender> m_child;
-    std::size_t m_workers;
-    std::queue<Buffer> m_batch; // Kept between batches for its memory.
-    std::vector<Buffer> m_out;  // What is sent together, kept alike.
-    std::uint64_t m_taken = 0;
-    bool m_hasTakenEmpty = false;
+    std::uint64_t m_limit = 0;     // Half the stream buffer size.
+    kyNetSendQueue::Taken m_taken; // Kept between batches for its memory, as the others.
+    std::queue<Buffer> m_batch;
+    std::vector<Buffer> m_out; // What is sent together.
 };
 
 } // namespace
@@ -128,7 +119,7 @@ kyNetBufferedSender::kyNetBufferedSender(const std::vector<std::shared_ptr<kyNet
 {
     for (const auto& child : children) {
         // Made here, where a lack of memory has somebody to be thrown to.
-        const auto worker = std::make_shared<Worker>(*m_queue, child, children.size());
+        const auto worker = std::make_shared<Worker>(*m_queue, child);
         m_queue->startWorker([worker] { worker->run(); });
     }
 }

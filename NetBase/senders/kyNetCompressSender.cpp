@@ -51,20 +51,12 @@ void kyNetCompressSender::startWorkers()
 void kyNetCompressSender::compressLoop(kyNetSendQueue& queue)
 {
     bool hasFailed = false;
-    bool isEnd = false;
-    while (!isEnd) {
-        std::shared_ptr<kyNetBuffer> buffer;
-        {
-            const auto turn = queue.awaitTurn();
-            queue.pop(buffer);
-        }
-        isEnd = buffer->getDataSize() == 0;
-        if (!isEnd && !hasFailed) {
+    for (std::shared_ptr<kyNetBuffer> buffer; queue.pop(buffer); queue.release(1)) {
+        if (!hasFailed) {
             hasFailed =
                 !queue.getFailure().attempt([&] { sendToTarget(m_compressor->compress(buffer)); });
         }
         buffer.reset();
-        queue.release(1);
     }
 }
 

@@ -1,41 +1,54 @@
 #include <NetBase/senders/kyNetSendQueue.h>
 
+#include <chrono>
 #include <utility>
 
-#include <NetBase/buffers/kyNetBufferPool.h>
+#include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/platform/kyThreads.h>
 
 namespace {
 
-// So many that no end marker ever waits for room.
-constexpr int s_endingCapacity = 10000;
+/// About as long as it takes to wake a thread.
+constexpr std::chrono::microseconds s_lookTime{20};
+
+/// Others want the processor if looking takes so much longer.
+constexpr std::chrono::microseconds s_lostTime{100};
+constexpr int s_sleepsBetweenLooks = 100;
+
+/// Under the lock, others only read: that needs no atomic addition.
+void count(std::atomic<std::uint64_t>& counter, int difference)
+{
+    counter.store(counter.load(std::memory_order_relaxed) + static_cast<std::uint64_t>(difference),
+                  std::memory_order_release);
+}
 
 } // namespace
 
-kyNetSendQueue::kyNetSendQueue(int capacity) : m_endMarker(kyNetBufferPool::pop())
+kyNetSendQueue::kyNetSendQueue(int capacity)
+    : m_capacity(
+          static_cast<std::size_t>(capacity > 0 ? capacity : kyNetOptions::getMaxIOBuffers()))
 {
-    m_endMarker->setDataSize(0);
-    m_buffers.set_capacity(capacity > 0 ? capacity : kyNetOptions::getMaxIOBuffers());
 }
 
 kyNetSendQueue::~kyNetSendQueue()
 {
-    dropWaiting();
-    m_isEnding = true;
-    m_buffers.set_capacity(s_endingCapacity);
-
-    for (std::size_t i = 0; i < m_workers.size(); ++i) {
-        enqueue(m_endMarker);
+    {
+        const Lock lock(m_mutex);
+        while (!m_waiting.buffers.empty()) {
+            m_waiting.buffers.pop();
+        }
+        m_isEnding = true;
     }
+    m_work.notify_all();
     for (std::thread& worker : m_workers) {
-        enqueue(m_endMarker); // Intended: one to spare for each.
         worker.join();
     }
 }
 
 void kyNetSendQueue::startWorker(std::function<void()> work)
 {
+    const Lock lock(m_mutex); // Workers count each other.
     m_workers.emplace_back([work = std::move(work)] {
         kyThreads::resetProcessors();
         work();
@@ -44,41 +57,170 @@ void kyNetSendQueue::startWorker(std::function<void()> work)
 
 void kyNetSendQueue::push(const Buffer& buffer)
 {
+    const std::uint64_t size = buffer->getBufferSize();
+    const bool isEmpty = buffer->getDataSize() == 0;
+    bool hasWaited = false;
+
     m_failure.rethrowIfSet();
+    Lock lock(m_mutex);
+    count(m_accepted, 1);
+    while (m_waiting.buffers.size() >= m_capacity) {
+        hasWaited = true;
+        ++m_waitingCallers;
+        m_room.wait(lock);
+        --m_waitingCallers;
+    }
+    try {
+        m_waiting.buffers.push(buffer);
+    } catch (...) {
+        count(m_accepted, -1);
+        throw;
+    }
+    m_waiting.size += size;
+    m_emptyBuffers += isEmpty ? 1 : 0;
+
+    const bool calls = mustCallWorker();
+    lock.unlock();
+    if (calls) {
+        m_work.notify_one();
+    }
     // Who has waited may have been given room by a worker that drops everything.
-    if (enqueue(buffer)) {
+    if (hasWaited) {
         m_failure.rethrowIfSet();
     }
 }
 
 void kyNetSendQueue::waitUntilReleased() const
 {
-    while (!m_failure.isSet() && m_pending != 0) {
+    while (!m_failure.isSet() && m_accepted > m_released) {
         std::this_thread::yield();
     }
     m_failure.rethrowIfSet();
 }
 
-bool kyNetSendQueue::enqueue(const Buffer& buffer)
+bool kyNetSendQueue::pop(Buffer& buffer)
 {
-    // Counted first, or the worker might be done with it before.
-    ++m_pending;
-    try {
-        if (m_buffers.try_push(buffer)) {
-            return false;
+    Lock lock(m_mutex);
+    if (!awaitWaiting(lock)) {
+        return false;
+    }
+    m_batch = 1;
+    buffer = std::move(m_waiting.buffers.front());
+    popFront(*buffer);
+    endPop(lock);
+    return true;
+}
+
+bool kyNetSendQueue::pop(Taken& taken, std::uint64_t batch, std::uint64_t most)
+{
+    Lock lock(m_mutex);
+    if (!awaitWaiting(lock)) {
+        return false;
+    }
+    m_batch = batch;
+    const std::size_t others = m_workers.size() - 1;
+    const bool takesAll = m_waiting.size <= (others == 0 ? most : batch) && m_emptyBuffers == 0;
+    if (takesAll || m_failure.isSet()) { // After a failure they are only dropped.
+        std::swap(taken.buffers, m_waiting.buffers);
+        std::swap(taken.size, m_waiting.size);
+        m_emptyBuffers = 0;
+    } else {
+        bool hasMore = takeBatch(taken, batch, 0);
+        while (hasMore && taken.size < most) {
+            hasMore = takeBatch(taken, batch, others);
         }
-        m_buffers.push(buffer);
-        return true;
-    } catch (...) {
-        --m_pending;
-        throw;
+    }
+    endPop(lock);
+    return true;
+}
+
+/// False when the queue ends.
+bool kyNetSendQueue::awaitWaiting(Lock& lock)
+{
+    if (isIdle() && !m_isLooking) {
+        lookForMore(lock);
+    }
+    while (isIdle()) {
+        ++m_sleepingWorkers;
+        m_work.wait(lock);
+        --m_sleepingWorkers;
+        m_calledWorkers -= m_calledWorkers > 0 ? 1 : 0;
+    }
+    return !m_isEnding;
+}
+
+/// Lets others have the processor a few times: a caller then goes on without having to wake
+/// anybody. Where others keep it, sleeping is better: who is woken has it sooner than who waits for
+/// it.
+void kyNetSendQueue::lookForMore(Lock& lock)
+{
+    if (m_sleepsUntilLook > 0) {
+        --m_sleepsUntilLook;
+        return;
+    }
+    const std::uint64_t accepted = m_accepted;
+    m_isLooking = true;
+    lock.unlock();
+    const auto begin = std::chrono::steady_clock::now();
+    auto now = begin;
+    while (now < begin + s_lookTime && m_accepted == accepted) {
+        std::this_thread::yield();
+        now = std::chrono::steady_clock::now();
+    }
+    lock.lock();
+    m_isLooking = false;
+    if (now > begin + s_lookTime + s_lostTime) {
+        m_sleepsUntilLook = s_sleepsBetweenLooks;
     }
 }
 
-void kyNetSendQueue::dropWaiting()
+/// Takes buffers until they have so many bytes, and leaves so many. Answers whether more of them
+/// may follow.
+bool kyNetSendQueue::takeBatch(Taken& taken, std::uint64_t bytes, std::size_t left)
 {
-    Buffer dropped;
-    while (tryPop(dropped)) {
-        release(1);
+    const std::uint64_t end = taken.size + bytes;
+    bool isEmpty = false;
+    while (m_waiting.buffers.size() > left && !isEmpty) {
+        taken.buffers.push(std::move(m_waiting.buffers.front()));
+        const kyNetBuffer& buffer = *taken.buffers.back();
+        taken.size += buffer.getBufferSize();
+        isEmpty = buffer.getDataSize() == 0;
+        popFront(buffer);
+        if (taken.size >= end) {
+            return !isEmpty;
+        }
     }
+    return false;
+}
+
+/// Forgets the front one, which is taken.
+void kyNetSendQueue::popFront(const kyNetBuffer& buffer)
+{
+    m_waiting.buffers.pop();
+    m_waiting.size -= buffer.getBufferSize();
+    m_emptyBuffers -= buffer.getDataSize() == 0 ? 1 : 0;
+}
+
+/// What is left is for those who sleep, and the room for those who wait for it.
+void kyNetSendQueue::endPop(Lock& lock)
+{
+    const bool calls = mustCallWorker();
+    const bool hasRoomFor = m_waitingCallers > 0;
+    lock.unlock();
+    if (calls) {
+        m_work.notify_one();
+    }
+    if (hasRoomFor) {
+        m_room.notify_all();
+    }
+}
+
+/// Whether more waits than those workers take that are called already; counts one more, then.
+bool kyNetSendQueue::mustCallWorker()
+{
+    const std::size_t coming = m_calledWorkers + (m_isLooking ? 1 : 0);
+    const bool calls = m_sleepingWorkers > m_calledWorkers && m_waiting.buffers.size() > coming &&
+                       m_waiting.size > coming * m_batch;
+    m_calledWorkers += calls ? 1 : 0;
+    return calls;
 }

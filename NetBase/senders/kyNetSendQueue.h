@@ -1,38 +1,36 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <queue>
 #include <thread>
 #include <vector>
-
-#include <tbb/concurrent_queue.h>
 
 #include <NetBase/buffers/kyNetFirstFailure.h>
 
 class kyNetBuffer;
 
 /// What stands between the callers of a threaded sender and its workers: the buffers that wait,
-/// the count of those that are not passed on yet, and the first failure.
-///
-/// An empty buffer ends the worker that takes it. Workers:
+/// the count of those that are not passed on yet, and the first failure. Workers:
 ///
 ///     queue.startWorker([&] {
-///         std::shared_ptr<kyNetBuffer> buffer;
-///         do {
-///             auto turn = queue.awaitTurn();
-///             queue.pop(buffer);
-///             turn.unlock();
+///         for (std::shared_ptr<kyNetBuffer> buffer; queue.pop(buffer);) {
 ///             ...
 ///             queue.release(1);
-///         } while (!(isEmpty && queue.letsWorkersEnd()));
+///         }
 ///     });
 ///
 /// A worker that has failed goes on taking buffers and drops them, so that nobody waits for room
 /// for ever.
+///
+/// A worker that sleeps is called when there is work for it that no other has been called for, and
+/// a caller that waits for room when there is some; nobody else is. So callers that are faster than
+/// the workers meet them once for all that waits.
 ///
 /// Threads: any number of callers and workers. One at a time calls startWorker; who destroys the
 /// queue is the last to use it.
@@ -41,7 +39,14 @@ class kyNetSendQueue
 public:
     using Buffer = std::shared_ptr<kyNetBuffer>;
 
-    /// Room for `capacity` buffers; the usual 256 if it is 0 or less. Holds one of the pool.
+    /// What a worker has taken together. Kept by the worker for its memory.
+    struct Taken
+    {
+        std::queue<Buffer> buffers;
+        std::uint64_t size = 0; ///< Bytes on the wire.
+    };
+
+    /// Room for `capacity` buffers; the usual 256 if it is 0 or less.
     explicit kyNetSendQueue(int capacity);
 
     /// Drops what still waits, ends the workers and waits for them.
@@ -66,42 +71,47 @@ public:
     /// The first failure of a worker, for both sides.
     kyNetFirstFailure& getFailure() { return m_failure; }
 
-    /// Waits until the calling worker may take buffers; it does so while it keeps the result. With
-    /// several waiting for buffers at once each is promised one of the next, and all wait for the
-    /// slowest to wake up: four idle workers took six times the processor time.
-    std::unique_lock<std::mutex> awaitTurn() { return std::unique_lock<std::mutex>(m_turn); }
+    /// Takes the next buffer; blocks until there is one. False when the queue ends.
+    bool pop(Buffer& buffer);
 
-    /// Takes the next buffer; blocks until there is one.
-    void pop(Buffer& buffer) { m_buffers.pop(buffer); }
-
-    /// Takes the next buffer if there is one.
-    bool tryPop(Buffer& buffer) { return m_buffers.try_pop(buffer); }
-
-    /// How many wait, callers that wait for room included, as far as can be told at any moment.
-    std::uint64_t countWaiting() const
-    {
-        const std::ptrdiff_t count = m_buffers.size(); // Negative if workers wait.
-        return count > 0 ? static_cast<std::uint64_t>(count) : 0;
-    }
+    /// Takes, into what is empty, a batch: those that wait, until they have `batch` bytes; blocks
+    /// until there is one. Takes more batches, until they have `most` bytes, of what waits behind
+    /// it beside one buffer for each other worker. An empty buffer is the last. False when the
+    /// queue ends.
+    ///
+    /// Needs memory, and throws std::bad_alloc, only where it leaves something.
+    bool pop(Taken& taken, std::uint64_t batch, std::uint64_t most);
 
     /// Says that so many of the taken buffers are passed on, or dropped.
-    void release(std::uint64_t count) { m_pending -= count; }
-
-    /// Whether an empty buffer ends its worker: after a failure one that a caller has sent does
-    /// not, since others may still wait for room.
-    bool letsWorkersEnd() const { return m_isEnding || !m_failure.isSet(); }
+    void release(std::uint64_t count) { m_released += count; }
 
 private:
-    /// Whether it had to wait for room.
-    bool enqueue(const Buffer& buffer);
+    using Lock = std::unique_lock<std::mutex>;
 
-    void dropWaiting();
+    bool isIdle() const { return m_waiting.buffers.empty() && !m_isEnding; }
+    bool awaitWaiting(Lock& lock);
+    void lookForMore(Lock& lock);
+    bool takeBatch(Taken& taken, std::uint64_t bytes, std::size_t left);
+    void popFront(const kyNetBuffer& buffer);
+    void endPop(Lock& lock);
+    bool mustCallWorker();
 
-    const Buffer m_endMarker; // Taken first: at the end there may be no memory for one.
-    tbb::concurrent_bounded_queue<Buffer> m_buffers;
-    std::atomic<std::uint64_t> m_pending{0};
+    const std::size_t m_capacity;
     kyNetFirstFailure m_failure;
-    std::atomic<bool> m_isEnding{false};
-    std::mutex m_turn;
+    std::atomic<std::uint64_t> m_accepted{0}; ///< Buffers, those of callers that wait included.
+    std::atomic<std::uint64_t> m_released{0};
+
+    mutable std::mutex m_mutex; ///< Of all that follows.
+    std::condition_variable m_work;
+    std::condition_variable m_room;
+    Taken m_waiting;
+    std::size_t m_emptyBuffers = 0; ///< Among those that wait.
+    bool m_isLooking = false;       ///< One worker, for more to wait.
+    int m_sleepsUntilLook = 0;
+    std::size_t m_sleepingWorkers = 0;
+    std::size_t m_calledWorkers = 0; ///< Among those that sleep.
+    std::uint64_t m_batch = 1;       ///< Bytes that one worker is called for.
+    std::size_t m_waitingCallers = 0;
+    bool m_isEnding = false;
     std::vector<std::thread> m_workers;
 };
