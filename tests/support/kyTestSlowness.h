@@ -2,8 +2,8 @@
 
 namespace kyTest {
 
-/// Whether a sanitizer or the count of lines slows everything down, so that a test of many
-/// repetitions takes fewer.
+/// Whether a sanitizer, the count of lines or an emulated system slows everything down, so that a
+/// test of many repetitions takes fewer.
 constexpr bool s_isSlow = KY_TEST_IS_SLOW;
 
 } // namespace kyTest
