@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstddef>
 #include <forward_list>
-#include <functional>
 #include <new>
 #include <thread>
 #include <utility>
@@ -15,14 +14,15 @@ constexpr std::size_t s_cacheLine = 64;
 
 } // namespace
 
-/// Owns every buffer of a pool and queues those that nobody holds, in lanes: a thread takes from
-/// its own lane, and a buffer comes back to the lane that it was taken for, whoever releases it.
-/// So threads touch the same memory only where they pass buffers to each other, and one that takes
-/// what others release meets them once for all that has come back meanwhile.
+/// Owns every buffer of a pool and queues those that nobody holds. Who releases puts a buffer on a
+/// stack; who takes has a list, and turns the whole stack into the next one when that has run out:
+/// a thread that takes what others release meets them once for all that has come back meanwhile.
+/// (A list for each thread that takes would let them meet less often still, but would reuse buffers
+/// out of turn.)
 ///
 /// Nothing is allocated unless the pool grows: what a shared pointer needs is kept beside its
 /// buffer. Nothing is counted for each buffer either: one that is released when the pool is gone
-/// finds its lane closed, and the last of them takes the list along.
+/// finds the stack closed, and the last of them takes the list along.
 class kyNetBufferPool::FreeList
 {
 public:
@@ -30,11 +30,9 @@ public:
     FreeList(const FreeList&) = delete;
     FreeList& operator=(const FreeList&) = delete;
 
-    /// The buffer of the calling thread's lane that has been back for longest; of another lane, if
-    /// there is none; empty if no lane has any.
+    /// The buffer that has been back for longest, empty if none is.
     std::shared_ptr<kyNetBuffer> tryTake();
 
-    /// Adds a buffer to the calling thread's lane.
     void makeOne();
 
     /// The end of the pool: nothing is taken any more. What is back goes now, the rest when it is
@@ -46,55 +44,27 @@ private:
     struct ControlBlock;
     template <class T> struct ControlBlockAllocator;
 
-    /// A queue of buffers. Who releases puts them on a stack; who takes has a list, and turns the
-    /// whole stack into the next one when that has run out.
-    class Lane
-    {
-    public:
-        /// The one that has been back for longest, null if there is none.
-        Entry* take();
-
-        /// Whether there is nothing to take, as far as can be told at any moment.
-        bool isEmpty() const;
-
-        /// False if the lane is closed.
-        bool giveBack(Entry* entry);
-
-        /// Lets none come back any more. Answers those that are on the stack.
-        Entry* close() { return m_newest.exchange(getClosedMark(), std::memory_order_acquire); }
-
-    private:
-        static Entry* reverse(Entry* newest);
-        static void fetchSome(Entry* entry);
-
-        /// Stands for the newest when the lane is closed.
-        Entry* getClosedMark() { return reinterpret_cast<Entry*>(this); }
-
-        // Of those who take: one at a time, for a few instructions.
-        alignas(s_cacheLine) std::atomic<bool> m_isTaking{false};
-        std::atomic<Entry*> m_oldest{nullptr};
-
-        // Of those who release.
-        alignas(s_cacheLine) std::atomic<Entry*> m_newest{nullptr};
-    };
-
-    static std::size_t laneOfThread()
-    {
-        return std::hash<std::thread::id>()(std::this_thread::get_id()) % s_laneCount;
-    }
-
     Entry* takeEntry();
-    static ControlBlock* getControlBlock(Entry* entry);
-    static void giveBack(Entry* entry) noexcept;
+    static Entry* reverse(Entry* newest);
+    static void fetchSome(Entry* entry);
+    ControlBlock* getControlBlock(Entry* entry);
+    void giveBack(Entry* entry) noexcept;
     static void discard(Entry* entry) noexcept;
     static void dropUse(Entry* entry) noexcept;
     void dropUse() noexcept;
 
-    // So many that busy threads seldom share one, and so few that looking at all costs little.
-    static constexpr std::size_t s_laneCount = 32;
+    /// Stands for the newest when the pool is gone.
+    Entry* getClosedMark() { return reinterpret_cast<Entry*>(this); }
 
-    std::array<Lane, s_laneCount> m_lanes;
-    std::atomic<std::size_t> m_uses{1}; ///< Buffers that there are, and the pool.
+    // Of those who take: one at a time, for a few instructions.
+    alignas(s_cacheLine) std::atomic<bool> m_isTaking{false};
+    Entry* m_oldest = nullptr;
+
+    // Of those who release.
+    alignas(s_cacheLine) std::atomic<Entry*> m_newest{nullptr};
+
+    // Of the buffers that there are, and of the pool.
+    alignas(s_cacheLine) std::atomic<std::size_t> m_uses{1};
 };
 
 /// Memory of what a shared pointer keeps beside the buffer. Different threads use the neighbours:
@@ -119,7 +89,6 @@ struct alignas(s_cacheLine) kyNetBufferPool::FreeList::Entry
 
     kyNetBuffer buffer;
     Entry* next = nullptr; ///< Came back after it; on the stack before it.
-    Lane* lane = nullptr;
     FreeList* list;
     std::atomic<std::size_t> uses{0}; ///< Blocks that are left behind.
     // Two are enough for two threads: a buffer is back a moment before its block is, and long
@@ -156,46 +125,25 @@ template <class T> struct kyNetBufferPool::FreeList::ControlBlockAllocator
     ControlBlock* block;
 };
 
-kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::Lane::take()
+kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::takeEntry()
 {
     while (m_isTaking.exchange(true, std::memory_order_acquire)) {
         std::this_thread::yield();
     }
-    Entry* oldest = m_oldest.load(std::memory_order_relaxed);
+    Entry* oldest = m_oldest;
     if (oldest == nullptr && m_newest.load(std::memory_order_relaxed) != nullptr) {
         oldest = reverse(m_newest.exchange(nullptr, std::memory_order_acq_rel));
     }
     if (oldest != nullptr) {
-        m_oldest.store(oldest->next, std::memory_order_relaxed);
-        fetchSome(oldest->next);
+        m_oldest = oldest->next;
+        fetchSome(m_oldest);
     }
     m_isTaking.store(false, std::memory_order_release);
     return oldest;
 }
 
-bool kyNetBufferPool::FreeList::Lane::isEmpty() const
-{
-    // In this order: while the stack becomes the list, it is taken.
-    return m_newest.load(std::memory_order_acquire) == nullptr &&
-           !m_isTaking.load(std::memory_order_acquire) &&
-           m_oldest.load(std::memory_order_relaxed) == nullptr;
-}
-
-bool kyNetBufferPool::FreeList::Lane::giveBack(Entry* entry)
-{
-    Entry* newest = m_newest.load(std::memory_order_relaxed);
-    do {
-        if (newest == getClosedMark()) {
-            return false;
-        }
-        entry->next = newest;
-    } while (!m_newest.compare_exchange_weak(newest, entry, std::memory_order_release,
-                                             std::memory_order_relaxed));
-    return true;
-}
-
 /// Puts the oldest first.
-kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::Lane::reverse(Entry* newest)
+kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::reverse(Entry* newest)
 {
     Entry* oldest = nullptr;
     while (newest != nullptr) {
@@ -206,7 +154,7 @@ kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::Lane::reverse(Entry
 
 /// Whoever takes the next buffers but two will write the beginning of one that another processor
 /// has read: has it brought here meanwhile.
-void kyNetBufferPool::FreeList::Lane::fetchSome(Entry* entry)
+void kyNetBufferPool::FreeList::fetchSome(Entry* entry)
 {
     for (int i = 0; i < 2 && entry != nullptr; ++i) {
         entry = entry->next;
@@ -226,7 +174,7 @@ std::shared_ptr<kyNetBuffer> kyNetBufferPool::FreeList::tryTake()
         return nullptr;
     }
     ControlBlock* const block = getControlBlock(entry);
-    return {&entry->buffer, [entry](kyNetBuffer*) { giveBack(entry); },
+    return {&entry->buffer, [entry](kyNetBuffer*) { entry->list->giveBack(entry); },
             ControlBlockAllocator<kyNetBuffer>{entry, block}};
 }
 
@@ -234,38 +182,23 @@ void kyNetBufferPool::FreeList::makeOne()
 {
     auto* const entry = new Entry(this);
     ++m_uses;
-    entry->lane = &m_lanes[laneOfThread()];
     giveBack(entry);
 }
 
 void kyNetBufferPool::FreeList::close()
 {
-    for (Lane& lane : m_lanes) {
-        while (Entry* const entry = lane.take()) {
-            discard(entry);
-        }
-        for (Entry* entry = lane.close(); entry != nullptr;) {
-            discard(std::exchange(entry, entry->next));
-        }
+    while (Entry* const entry = takeEntry()) {
+        discard(entry);
+    }
+    // Some may have come back meanwhile.
+    Entry* newest = m_newest.exchange(getClosedMark(), std::memory_order_acquire);
+    while (newest != nullptr) {
+        discard(std::exchange(newest, newest->next));
     }
     dropUse();
 }
 
-kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::takeEntry()
-{
-    const std::size_t own = laneOfThread();
-    Entry* entry = m_lanes[own].take();
-    for (std::size_t i = 1; i < s_laneCount && entry == nullptr; ++i) {
-        Lane& other = m_lanes[(own + i) % s_laneCount];
-        entry = other.isEmpty() ? nullptr : other.take();
-    }
-    if (entry != nullptr) {
-        entry->lane = &m_lanes[own];
-    }
-    return entry;
-}
-
-/// A block that is not used, of an entry that is in no lane.
+/// A block that is not used, of an entry that is taken.
 kyNetBufferPool::FreeList::ControlBlock* kyNetBufferPool::FreeList::getControlBlock(Entry* entry)
 {
     using State = ControlBlock::State;
@@ -287,9 +220,15 @@ kyNetBufferPool::FreeList::ControlBlock* kyNetBufferPool::FreeList::getControlBl
 
 void kyNetBufferPool::FreeList::giveBack(Entry* entry) noexcept
 {
-    if (!entry->lane->giveBack(entry)) {
-        discard(entry);
-    }
+    Entry* newest = m_newest.load(std::memory_order_relaxed);
+    do {
+        if (newest == getClosedMark()) {
+            discard(entry);
+            return;
+        }
+        entry->next = newest;
+    } while (!m_newest.compare_exchange_weak(newest, entry, std::memory_order_release,
+                                             std::memory_order_relaxed));
 }
 
 /// Lets an entry go whose pool is gone, as soon as none of its blocks is used any more.

@@ -18,10 +18,8 @@
 /// its last use: whoever takes one sets all that it relies on. Nothing is allocated for taking and
 /// releasing those that are there, what a shared pointer keeps beside a buffer included.
 ///
-/// Threads: any number at once, without a mutex, and without being in each other's way. The order
-/// is that of each thread that takes: whoever has released them, it is given first those that it
-/// had before. Buffers may be released at any time, also after their pool is gone and while the
-/// process ends.
+/// Threads: any number at once, without a mutex. Buffers may be released at any time, also after
+/// their pool is gone and while the process ends.
 class KY_NETBASE_EXPORT kyNetBufferPool
 {
 public:
