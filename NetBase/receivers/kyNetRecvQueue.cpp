@@ -43,7 +43,7 @@ void kyNetRecvQueue::pushFailure() noexcept
 
 void kyNetRecvQueue::recv(Buffer& buffer)
 {
-    if (m_taken.empty() && !takeArrived()) {
+    if (m_taken.empty() && (std::exchange(m_isFailureBehind, false) || !takeArrived())) {
         throwEnd();
     }
     Buffer next = std::move(m_taken.front());
@@ -67,7 +67,7 @@ void kyNetRecvQueue::recvAvailable(std::queue<Buffer>& queue)
 bool kyNetRecvQueue::isReadable()
 {
     const Lock lock(m_mutex);
-    return !m_taken.empty() || !m_arrived.empty() || m_isFailureUntold ||
+    return !m_taken.empty() || m_isFailureBehind || !m_arrived.empty() || m_isFailureUntold ||
            (m_sources == 0 && m_failure.isSet());
 }
 
@@ -80,10 +80,8 @@ bool kyNetRecvQueue::takeArrived()
         m_arrival.wait(lock);
     }
     m_isReaderAsleep = false;
-    if (m_arrived.empty()) {
-        m_isFailureUntold = false;
-    }
     std::swap(m_taken, m_arrived);
+    m_isFailureBehind = std::exchange(m_isFailureUntold, false) && !m_taken.empty();
     return !m_taken.empty();
 }
 

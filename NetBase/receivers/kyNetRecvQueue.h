@@ -93,7 +93,8 @@ private:
     void wakeReader(Lock& lock);
     [[noreturn]] void throwEnd() const;
 
-    std::queue<Buffer> m_taken; ///< The reader's part of what has arrived.
+    std::queue<Buffer> m_taken;     ///< The reader's part of what has arrived.
+    bool m_isFailureBehind = false; ///< Behind that part, a failure is to be told.
     kyNetFirstFailure m_failure;
 
     std::mutex m_mutex; ///< Of all that follows.

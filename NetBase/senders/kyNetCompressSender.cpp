@@ -27,7 +27,7 @@ kyNetCompressSender::create(const std::shared_ptr<kyNetCompressorBase>& compress
 void kyNetCompressSender::send(const std::shared_ptr<kyNetBuffer>& buffer)
 {
     m_queue->getFailure().rethrowIfSet();
-    // An empty buffer would end a worker.
+    // An empty buffer has nothing to compress.
     if (buffer->getDataSize() != 0 && m_compressor->shouldCompress(buffer)) {
         startWorkers();
         m_queue->push(buffer);

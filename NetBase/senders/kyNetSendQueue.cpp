@@ -1,5 +1,6 @@
 #include <NetBase/senders/kyNetSendQueue.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -74,6 +75,7 @@ void kyNetSendQueue::push(const Buffer& buffer)
         m_waiting.buffers.push(buffer);
     } catch (...) {
         count(m_accepted, -1);
+        m_room.notify_one(); // For the next caller: this one may have been woken for the room.
         throw;
     }
     m_waiting.size += size;
@@ -92,7 +94,12 @@ void kyNetSendQueue::push(const Buffer& buffer)
 
 void kyNetSendQueue::waitUntilReleased() const
 {
-    while (!m_failure.isSet() && m_accepted > m_released) {
+    // What is released is looked at first: others may have more accepted and released in between.
+    while (!m_failure.isSet()) {
+        const std::uint64_t released = m_released;
+        if (m_accepted == released) {
+            break;
+        }
         std::this_thread::yield();
     }
     m_failure.rethrowIfSet();
@@ -107,7 +114,7 @@ bool kyNetSendQueue::pop(Buffer& buffer)
     m_batch = 1;
     buffer = std::move(m_waiting.buffers.front());
     popFront(*buffer);
-    endPop(lock);
+    endPop(lock, 1);
     return true;
 }
 
@@ -118,6 +125,7 @@ bool kyNetSendQueue::pop(Taken& taken, std::uint64_t batch, std::uint64_t most)
         return false;
     }
     m_batch = batch;
+    const std::size_t before = m_waiting.buffers.size();
     const std::size_t others = m_workers.size() - 1;
     const bool takesAll = m_waiting.size <= (others == 0 ? most : batch) && m_emptyBuffers == 0;
     if (takesAll || m_failure.isSet()) { // After a failure they are only dropped.
@@ -130,7 +138,7 @@ bool kyNetSendQueue::pop(Taken& taken, std::uint64_t batch, std::uint64_t most)
             hasMore = takeBatch(taken, batch, others);
         }
     }
-    endPop(lock);
+    endPop(lock, before - m_waiting.buffers.size());
     return true;
 }
 
@@ -193,25 +201,31 @@ bool kyNetSendQueue::takeBatch(Taken& taken, std::uint64_t bytes, std::size_t le
     return false;
 }
 
-/// Forgets the front one, which is taken.
+/// Forgets the front one, which is taken. Who has changed a size meanwhile does not put the sums
+/// wrong for good.
 void kyNetSendQueue::popFront(const kyNetBuffer& buffer)
 {
     m_waiting.buffers.pop();
+    if (m_waiting.buffers.empty()) {
+        m_waiting.size = 0;
+        m_emptyBuffers = 0;
+        return;
+    }
     m_waiting.size -= buffer.getBufferSize();
     m_emptyBuffers -= buffer.getDataSize() == 0 ? 1 : 0;
 }
 
 /// What is left is for those who sleep, and the room for those who wait for it.
-void kyNetSendQueue::endPop(Lock& lock)
+void kyNetSendQueue::endPop(Lock& lock, std::size_t room)
 {
     const bool calls = mustCallWorker();
-    const bool hasRoomFor = m_waitingCallers > 0;
+    const std::size_t invited = std::min(room, m_waitingCallers);
     lock.unlock();
     if (calls) {
         m_work.notify_one();
     }
-    if (hasRoomFor) {
-        m_room.notify_all();
+    for (std::size_t i = 0; i < invited; ++i) {
+        m_room.notify_one();
     }
 }
 
@@ -220,7 +234,7 @@ bool kyNetSendQueue::mustCallWorker()
 {
     const std::size_t coming = m_calledWorkers + (m_isLooking ? 1 : 0);
     const bool calls = m_sleepingWorkers > m_calledWorkers && m_waiting.buffers.size() > coming &&
-                       m_waiting.size > coming * m_batch;
+                       (coming == 0 || m_waiting.size > coming * m_batch);
     m_calledWorkers += calls ? 1 : 0;
     return calls;
 }

@@ -79,7 +79,8 @@ public:
     /// it beside one buffer for each other worker. An empty buffer is the last. False when the
     /// queue ends.
     ///
-    /// Needs memory, and throws std::bad_alloc, only where it leaves something.
+    /// Needs memory, and throws std::bad_alloc, only where it leaves something or meets an empty
+    /// buffer.
     bool pop(Taken& taken, std::uint64_t batch, std::uint64_t most);
 
     /// Says that so many of the taken buffers are passed on, or dropped.
@@ -93,7 +94,7 @@ private:
     void lookForMore(Lock& lock);
     bool takeBatch(Taken& taken, std::uint64_t bytes, std::size_t left);
     void popFront(const kyNetBuffer& buffer);
-    void endPop(Lock& lock);
+    void endPop(Lock& lock, std::size_t room);
     bool mustCallWorker();
 
     const std::size_t m_capacity;
