@@ -15,7 +15,6 @@ for program in "$linux"/{bin/TALORender,bin/TALOClusterService,tests/kyInteropTe
         exit 1
     }
 done
-wine=$(sed -n 's/^KY_WINE:FILEPATH=//p' "$windows/CMakeCache.txt")
 
 work=$PWD/build/interop
 rm -rf "$work"
@@ -42,7 +41,7 @@ onLinux() {
     start "linux$1" "$linux/bin/TALOClusterService" "${@:2}"
 }
 onWindows() {
-    start "windows$1" "$wine" "$windows/bin/TALOClusterService.exe" "${@:2}"
+    start "windows$1" wine64 "$windows/bin/TALOClusterService.exe" "${@:2}"
 }
 killAll() {
     kill "${processes[@]}" 2>/dev/null || true
@@ -75,7 +74,7 @@ failed=0
 echo "-- A client on Linux, services on Windows"
 talk linux windows "$linux/tests/kyInteropTest" "$@" || failed=1
 echo "-- A client on Windows, services on Linux"
-talk windows linux "$wine" "$windows/tests/kyInteropTest.exe" "$@" </dev/null || failed=1
+talk windows linux wine64 "$windows/tests/kyInteropTest.exe" "$@" </dev/null || failed=1
 echo "-- The renderer on Linux, render servers on Windows"
 talk linux windows "$linux/tests/kyInteropRenderTest" "$@" || failed=1
 

@@ -8,7 +8,6 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build=$PWD/build/windows
 package=$PWD/build/kyNetBase-windows
-wine=$(sed -n 's/^KY_WINE:FILEPATH=//p' "$build/CMakeCache.txt")
 rm -rf "$package" "$package.zip" "$package.test"
 cmake --install "$build" --prefix "$package" --strip >/dev/null
 rm -r "$package"/lib/cmake "$package"/lib/pkgconfig
@@ -57,7 +56,7 @@ for library in bin/*.dll; do
 done
 # Paths of this machine would be found in none of the environment's variables, nor beside a program.
 inPackage() {
-    (cd bin && WINEPATH='' "$wine" "$1" "${@:2}" </dev/null 2>&1 | tr -d '\r')
+    (cd bin && WINEPATH='' wine64 "$1" "${@:2}" </dev/null 2>&1 | tr -d '\r')
 }
 version=$(sed -n 's/^ *VERSION \([0-9.]*\)$/\1/p' ../../CMakeLists.txt)
 for program in TALOClusterService.exe TALOClusterControl.exe; do

@@ -6,6 +6,8 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 export WINEPREFIX=$root/build/windows-wine WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=
+# Debian's packages put the 64-bit program there, if nowhere else.
+export PATH=$PATH:/usr/lib/wine
 mkdir -p "$WINEPREFIX"
 # What the server starts for itself must not hold this script's output open.
 wineserver --persistent >/dev/null 2>&1
