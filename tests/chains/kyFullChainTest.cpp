@@ -543,7 +543,7 @@ TEST(kyFullChain, receiverDeliversWhatWasCompleteAndThenThrows)
         buffer->setSequence(static_cast<int>(number));
         return buffer;
     };
-    for (const std::uint32_t number : {0, 1, 2, 4}) { // 3 is lost with the connection.
+    for (const std::uint32_t number : {0u, 1u, 2u, 4u}) { // 3 is lost with the connection.
         channels.near[number % 3]->send(makeNumbered(number));
     }
     Buffer buffer;

@@ -363,7 +363,7 @@ TEST(kySocketLink, isClosedByAPeerThatClosesInsideABuffer)
 TEST(kySocketLink, isClosedByAResetInsideABuffer)
 {
     const std::string bytes = bytesOf(*makeBuffer(30));
-    for (const std::size_t length : {0, 1, 4, 19, 20, 21, 49}) {
+    for (const std::size_t length : {0u, 1u, 4u, 19u, 20u, 21u, 49u}) {
         LinkAndPeer ends;
         ends.peer.send(bytes.substr(0, length));
         Blocked receiver([&] {

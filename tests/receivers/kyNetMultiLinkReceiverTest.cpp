@@ -425,7 +425,7 @@ TEST(kyNetMultiLinkReceiver, shutdownWakesABlockedReceive)
 
 TEST(kyNetMultiLinkReceiver, shutdownOfOneLinkNeverLetsAnotherOneInUnderThePoll)
 {
-    for (int i = 0; i < 100; ++i) {
+    for (std::size_t i = 0; i < 100; ++i) {
         Fixture f(2);
         auto receiving = std::async(std::launch::async, [&] { return f.recv(); });
         std::this_thread::yield();

@@ -49,7 +49,7 @@ using namespace std::chrono_literals;
 using Strings = std::vector<std::string>;
 
 /// "Compresses" a text to its first half in brackets, after it was told to whom.
-class Halving : public kyNetCompressorBase
+class Halving final : public kyNetCompressorBase
 {
 public:
     Buffer compress(const Buffer& buffer) override

@@ -100,9 +100,8 @@ std::string RawSocket::receive(std::size_t length)
     std::string bytes(length, '\0');
     std::size_t received = 0;
     while (received < length) {
-        const int count = checked(::recv(toSystem(m_handle), bytes.data() + received,
-                                         static_cast<int>(length - received), 0),
-                                  "recv");
+        const int count =
+            checked(receiveSome(m_handle, bytes.data() + received, length - received), "recv");
         if (count == 0) {
             break;
         }

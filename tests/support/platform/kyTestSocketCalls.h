@@ -73,6 +73,9 @@ void beginToConnect(kySocketHandle handle, const sockaddr_in& address);
 /// Sends some of the bytes; how many, or less than 0. Nothing is signalled if the peer is gone.
 long long sendSome(kySocketHandle handle, const char* data, std::size_t size);
 
+/// Receives some of the bytes; how many, 0 at the end, or less than 0.
+long long receiveSome(kySocketHandle handle, char* data, std::size_t size);
+
 /// A port of 127.0.0.1, 0 for any.
 sockaddr_in makeLoopback(int port);
 

@@ -88,6 +88,11 @@ long long sendSome(kySocketHandle handle, const char* data, std::size_t size)
     return ::send(toSystem(handle), data, size, MSG_NOSIGNAL);
 }
 
+long long receiveSome(kySocketHandle handle, char* data, std::size_t size)
+{
+    return ::recv(toSystem(handle), data, size, 0);
+}
+
 kySocketHandle makeUnconnected()
 {
     return openSocket(AF_INET);

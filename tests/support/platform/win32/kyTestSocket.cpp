@@ -231,6 +231,11 @@ long long sendSome(kySocketHandle handle, const char* data, std::size_t size)
     return ::send(handle, data, static_cast<int>(size), 0);
 }
 
+long long receiveSome(kySocketHandle handle, char* data, std::size_t size)
+{
+    return ::recv(handle, data, static_cast<int>(size), 0);
+}
+
 kySocketHandle makeUnconnected()
 {
     return openBound(); // One that is not bound has no name either.
