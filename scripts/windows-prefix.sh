@@ -1,24 +1,30 @@
 #!/usr/bin/env bash
 # Builds the libraries that the Windows build links, from Debian's source packages: the very sources
-# that the Linux build's development packages were made of. Keeps them in build/windows-prefix, or in
-# KY_WINDOWS_PREFIX, and builds them again only when one of those versions or the recipe changes.
+# that the Linux build's development packages were made of. Keeps them where every clone finds them,
+# or in KY_WINDOWS_PREFIX, and builds them again only when one of those versions or this recipe
+# changes.
 set -eEuo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 scripts/install-dependencies.sh \
     autoconf automake dpkg-dev g++-mingw-w64-x86-64-posix googletest libtool make xz-utils
 
-prefix=$(realpath -m "${KY_WINDOWS_PREFIX:-build/windows-prefix}")
+prefix=$(realpath -m \
+    "${KY_WINDOWS_PREFIX:-${XDG_CACHE_HOME:-$HOME/.cache}/kyNetBase/windows-prefix}")
 toolchain=$PWD/cmake/kyWindowsToolchain.cmake
 work=$prefix.work
-log=$work/log
+log=$work/log # each library's build has its own
 
-# The source packages in the order in which they are built, one "name=version" each.
+# Clones that build at the same time: the first one does, the others wait for it.
+mkdir -p "$(dirname "$prefix")"
+exec {lock}>"$prefix.lock"
+flock "$lock"
+
+# The source packages, one "name=version" each.
 sources=$(dpkg-query -W -f '${source:Package}=${source:Version}\n' \
     libtbb-dev qtbase5-dev libsodium-dev liblz4-dev libzstd-dev)
 headers=$(dpkg-query -W -f '${Package}=${Version}\n' googletest libcli11-dev nlohmann-json3-dev)
-# To be counted up when something below changes what comes out.
-recipe=1
+recipe=$(cat scripts/windows-prefix.sh "$toolchain" | sha256sum)
 stamp=$(printf '%s\n' "$sources" "$headers" \
     "$(x86_64-w64-mingw32-g++-posix --version | head -1)" "recipe=$recipe")
 [ "$(cat "$prefix/stamp" 2>/dev/null)" != "$stamp" ] || exit 0
@@ -71,20 +77,61 @@ build_onetbb() {
     withCMake onetbb "$work/onetbb" -DTBB_TEST=OFF -DTBBMALLOC_BUILD=OFF -DTBB_STRICT=OFF
 }
 
+# Qt's Core module alone, without the parts of it that nothing here uses. The programs that it takes
+# to build it are the building machine's, of the same version; they are what Qt's own script would
+# build first.
 build_qtbase-opensource-src() {
-    mkdir "$work/qt-build"
+    local source=$work/qtbase-opensource-src tools=/usr/lib/qt5/bin feature options=()
+    for feature in animation big_codecs codecs commandlineparser concurrent easingcurve \
+        filesystemwatcher gestures hijricalendar itemmodel jalalicalendar mimetype network \
+        regularexpression sql statemachine testlib timezone topleveldomain translation xml \
+        xmlstream; do
+        options+=(-no-feature-$feature)
+    done
+    mkdir -p "$work/qt-build/bin" "$work/qt-build/src/winmain"
+    cat >"$work/qt-build/bin/qt.conf" <<CONF
+[EffectivePaths]
+Prefix=..
+[Paths]
+TargetSpec=dummy
+HostSpec=linux-g++
+[EffectiveSourcePaths]
+Prefix=$source
+CONF
+    # Most of the time would go into reading Windows' headers again and again.
+    cat >"$work/qt-build/precompiled.h" <<'HEADER'
+#ifdef __cplusplus
+#define _CRT_RAND_S
+#include <winsock2.h>
+#include <qt_windows.h>
+#include <shlobj.h>
+#include <intshcut.h>
+#undef interface
+#include "global/qt_pch.h"
+#include <algorithm>
+#include <qdatetime.h>
+#include <qdebug.h>
+#include <qdir.h>
+#include <qtemporaryfile.h>
+#include <private/qcoreapplication_p.h>
+#include <private/qfilesystemengine_p.h>
+#include <private/qthread_p.h>
+#endif
+HEADER
     (cd "$work/qt-build" &&
-        MAKEFLAGS=-j$(nproc) ../qtbase-opensource-src/configure \
-            -opensource -confirm-license -release -shared -xplatform win32-g++ \
+        MAKE=make $tools/qmake -qtconf "$PWD/bin/qt.conf" "$source" -- \
+            -opensource -confirm-license -release -optimize-size -shared -xplatform win32-g++ \
             -device-option CROSS_COMPILE=x86_64-w64-mingw32- \
             -prefix "$prefix" -hostprefix "$prefix/host" \
-            -no-gui -no-widgets -no-dbus -no-opengl -no-openssl -nomake examples -nomake tests \
-            -qt-pcre -no-icu -no-glib -no-zstd -qt-zlib &&
-        bin/qmake -o src/Makefile ../qtbase-opensource-src/src/src.pro &&
-        make -C src -j "$(nproc)" sub-corelib sub-winmain sub-rcc &&
-        make sub-qmake-qmake-aux-pro-install_subtargets install_mkspecs &&
-        make -C src/corelib install && make -C src/winmain install &&
-        make -C src/tools/moc install && make -C src/tools/rcc install) >>"$log" 2>&1
+            -external-hostbindir $tools -hostbindir $tools -nomake examples -nomake tests \
+            -no-gui -no-widgets -no-dbus -no-opengl -no-openssl \
+            -no-pcre -no-icu -no-glib -no-zstd -qt-zlib "${options[@]}" &&
+        $tools/qmake -qtconf "$PWD/bin/qt.conf" -o src/corelib/ "$source/src/corelib/corelib.pro" \
+            -after PRECOMPILED_HEADER="$PWD/precompiled.h" &&
+        make -C src/corelib -j "$(nproc)" install &&
+        $tools/qmake -qtconf "$PWD/bin/qt.conf" -o src/winmain/ "$source/src/winmain/winmain.pro" &&
+        make -C src/winmain install &&
+        make install_mkspecs) >>"$log" 2>&1
 }
 
 build_libsodium() {
@@ -102,15 +149,33 @@ build_libzstd() {
     withCMake libzstd "$work/libzstd/build/cmake" -DZSTD_BUILD_PROGRAMS=OFF -DZSTD_BUILD_STATIC=OFF
 }
 
+build_googletest() {
+    withCMake googletest /usr/src/googletest
+}
+
+buildEach() {
+    local name log
+    for name; do
+        echo "Building $name for Windows"
+        log=$work/$name.log
+        "build_$name"
+    done
+}
+
 aptGet update
 for source in $sources; do
-    echo "Building ${source%%=*} for Windows"
     fetch "$source"
-    "build_${source%%=*}"
 done
 
-echo "Building googletest for Windows"
-withCMake googletest /usr/src/googletest
+# Each has stretches for one processor alone; the first takes about as long as all others together.
+buildEach qtbase-opensource-src &
+qt=$!
+buildEach onetbb libsodium libzstd lz4 googletest &
+others=$!
+failed=0
+wait $qt || failed=1
+wait $others || failed=1
+[ $failed = 0 ] || exit 1
 
 # Headers alone: the building machine's are Windows' too.
 mkdir -p "$prefix/include" "$prefix/lib/cmake"
