@@ -12,6 +12,7 @@
 #include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetBufferPool.h>
 #include <NetBase/buffers/kyNetError.h>
+#include <NetBase/buffers/kyNetOptions.h>
 #include <NetBase/links/kyBoundSocketLink.h>
 #include <NetBase/links/kySharedSocket.h>
 #include <NetBase/links/kySocketPipe.h>
@@ -31,6 +32,9 @@ constexpr std::uint32_t s_handshakeWord = 101010101;
 /// to three waiting bytes make a socket readable for good, so that a poll would not wait.
 constexpr std::chrono::milliseconds s_handshakeLimit{2000};
 constexpr std::chrono::milliseconds s_handshakePause{1};
+
+/// A send of so many bytes, more than a bundle has, shows a link that carries bulk data.
+constexpr std::uint64_t s_bulkSize = kyNetOptions::getMaxStreamBufferSize() / 4 * 3;
 
 /// How long a client waits for the echo.
 constexpr double s_echoLimit = 30.0;
@@ -176,6 +180,7 @@ kySocketLink& kySocketLink::operator=(const kySocketLink& other)
     }
     m_socket = other.m_socket;
     m_descriptor = other.getDescriptor();
+    m_carriesBulk = other.m_carriesBulk.load();
     return *this;
 }
 
@@ -284,6 +289,9 @@ void kySocketLink::sendAll(kySockets::Block* blocks, std::size_t count)
     if (isClosed()) {
         throw kyConnectionClosed();
     }
+    if (blocks->length >= s_bulkSize && !m_carriesBulk.exchange(true)) {
+        keepInCache(use.getHandle());
+    }
     dropSent(blocks, count, 0);
     while (count > 0) {
         kyLastError::clear();
@@ -298,6 +306,19 @@ void kySocketLink::sendAll(kySockets::Block* blocks, std::size_t count)
         if (count > 0 && isClosed()) {
             throw kyConnectionClosed();
         }
+    }
+}
+
+/// Bytes on their way from one process of a machine to another stand in memory: those of one large
+/// buffer stay in a processor's cache, those of the many that the system would let gather are
+/// fetched from beyond it. Over a network the system's own bound fits the distance.
+void kySocketLink::keepInCache(kySocketHandle handle)
+{
+    try {
+        if (getAddress().getName() == getPeerAddress().getName()) {
+            kySockets::setSendBuffer(handle, kyNetOptions::getMaxStreamBufferSize());
+        }
+    } catch (const kyNetError&) { // It has no such addresses; what matters is sent all the same.
     }
 }
 

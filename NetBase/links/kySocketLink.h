@@ -191,6 +191,7 @@ protected:
 private:
     void prepareTransfers();
     void sendAll(kySockets::Block* blocks, std::size_t count);
+    void keepInCache(kySocketHandle handle);
     kySockets::Transfer receiveSome(kySocketHandle handle, void* data, std::uint64_t length);
 
     static std::atomic<bool> s_initialized;
@@ -199,4 +200,5 @@ private:
     std::atomic<kySocketHandle> m_descriptor{s_invalidSocketHandle};
     std::shared_ptr<kySharedSocket> m_socket;
     kyPollWindow<> m_pollWindow; ///< Of whoever receives.
+    std::atomic<bool> m_carriesBulk{false};
 };

@@ -807,6 +807,69 @@ TEST(kySocketLink, setsEveryOption)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+/// What a socket says that is bounded to one large buffer.
+int boundedSendBuffer()
+{
+    const OpenLink link(kySockets::create(kyAddresses::s_familyIPv4));
+    EXPECT_TRUE(kySockets::setSendBuffer(link.getDescriptor(), 131072));
+    return getSocketOptions(link.getDescriptor()).sendBuffer;
+}
+
+void expectToPass(kySocketLink& from, kySocketLink& to, std::size_t size)
+{
+    std::string received(size, '\0');
+    std::thread reader([&] { to.recv(received.data(), size); });
+    const std::string bytes(size, 'x');
+    from.send(bytes.data(), size);
+    reader.join();
+    EXPECT_EQ(received, bytes);
+}
+
+int sendBufferAfter(kySocketLink& from, kySocketLink& to, std::size_t size)
+{
+    expectToPass(from, to, size);
+    return getSocketOptions(from.getDescriptor()).sendBuffer;
+}
+
+TEST(kySocketLink, boundsWhatIsOnItsWayOnceItCarriesLargeBuffersWithinTheMachine)
+{
+    LinkPair ends;
+    const int before = getSocketOptions(ends.first->getDescriptor()).sendBuffer;
+    ASSERT_NE(before, boundedSendBuffer());
+    EXPECT_NE(sendBufferAfter(*ends.first, *ends.second, 98303), boundedSendBuffer());
+    EXPECT_EQ(sendBufferAfter(*ends.first, *ends.second, 98304), boundedSendBuffer());
+    EXPECT_NE(getSocketOptions(ends.second->getDescriptor()).sendBuffer, boundedSendBuffer());
+    EXPECT_EQ(sendBufferAfter(*ends.second, *ends.first, 131072), boundedSendBuffer());
+}
+
+TEST(kySocketLink, boundsNothingOnTheWayToAnotherAddress)
+{
+    const kyBoundSocketLink listening(0);
+    const int port = listening.getAddress().getPort();
+    kySocketLink near(kySocketAddress("127.0.0.2", port), 10.0); // Called from 127.0.0.1.
+    kySocketLink far(listening);
+    ASSERT_NE(near.getAddress().getName(), near.getPeerAddress().getName());
+    EXPECT_NE(sendBufferAfter(near, far, 131072), boundedSendBuffer());
+    EXPECT_NE(sendBufferAfter(far, near, 131072), boundedSendBuffer());
+}
+
+TEST(kySocketLink, sendsLargeBuffersWhereThereAreNoAddresses)
+{
+    const auto [near, far] = kyTest::makeLocalConnection();
+    kySocketLink first(near);
+    kySocketLink second(far);
+    expectToPass(first, second, 131072);
+}
+
+TEST(kySocketLink, assignedConnectionIsBoundedByItsOwnLargeBuffers)
+{
+    LinkPair former;
+    EXPECT_EQ(sendBufferAfter(*former.first, *former.second, 131072), boundedSendBuffer());
+    LinkPair later;
+    *former.first = *later.first;
+    EXPECT_EQ(sendBufferAfter(*former.first, *later.second, 131072), boundedSendBuffer());
+}
+
 TEST(kySocketLink, setsIPv6Only)
 {
     if (!kyTest::hasIPv6()) {

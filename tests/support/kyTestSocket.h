@@ -130,6 +130,7 @@ struct SocketOptions
     bool isBlocking;
     bool isInherited;
     std::int64_t receiveTimeoutMilliseconds;
+    int sendBuffer;
 };
 SocketOptions getSocketOptions(kySocketHandle handle);
 

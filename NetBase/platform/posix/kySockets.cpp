@@ -333,6 +333,11 @@ bool setBlocking(kySocketHandle handle, bool blocking)
     return ::ioctl(toDescriptor(handle), FIONBIO, &nonBlocking) == 0;
 }
 
+bool setSendBuffer(kySocketHandle handle, int bytes)
+{
+    return setNumber(handle, SOL_SOCKET, SO_SNDBUF, bytes);
+}
+
 bool setKeepAlive(kySocketHandle handle, std::uint32_t idle, std::uint32_t interval)
 {
     return setNumber(handle, SOL_SOCKET, SO_KEEPALIVE, 1) &&

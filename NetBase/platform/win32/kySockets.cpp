@@ -464,6 +464,11 @@ bool setBlocking(kySocketHandle handle, bool blocking)
     return ::ioctlsocket(handle, static_cast<long>(FIONBIO), &nonBlocking) == 0;
 }
 
+bool setSendBuffer(kySocketHandle handle, int bytes)
+{
+    return setNumber(handle, SOL_SOCKET, SO_SNDBUF, bytes);
+}
+
 bool setKeepAlive(kySocketHandle handle, std::uint32_t idle, std::uint32_t interval)
 {
     const bool isOn = setNumber(handle, SOL_SOCKET, SO_KEEPALIVE, 1);

@@ -124,6 +124,7 @@ SocketOptions getSocketOptions(kySocketHandle handle)
         (checked(::fcntl(toSystem(handle), F_GETFD), "F_GETFD") & FD_CLOEXEC) == 0;
     options.receiveTimeoutMilliseconds =
         std::int64_t{timeout.tv_sec} * 1000 + timeout.tv_usec / 1000;
+    options.sendBuffer = getNumber(handle, SOL_SOCKET, SO_SNDBUF);
     return options;
 }
 

@@ -266,6 +266,7 @@ SocketOptions getSocketOptions(kySocketHandle handle)
     options.isBlocking = isBlocking(handle);
     options.isInherited = (flags & HANDLE_FLAG_INHERIT) != 0;
     options.receiveTimeoutMilliseconds = getOption<DWORD>(handle, SOL_SOCKET, SO_RCVTIMEO);
+    options.sendBuffer = getNumber(handle, SOL_SOCKET, SO_SNDBUF);
     return options;
 }
 
