@@ -34,7 +34,7 @@ constexpr std::chrono::milliseconds s_handshakeLimit{2000};
 constexpr std::chrono::milliseconds s_handshakePause{1};
 
 /// A send of so many bytes, more than a bundle has, shows a link that carries bulk data.
-constexpr std::uint64_t s_bulkSize = kyNetOptions::getMaxStreamBufferSize() / 4 * 3;
+constexpr std::uint64_t s_bulkSize = std::uint64_t{kyNetOptions::getMaxStreamBufferSize()} / 4 * 3;
 
 /// How long a client waits for the echo.
 constexpr double s_echoLimit = 30.0;
