@@ -24,7 +24,7 @@ if(KY_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     # Relative to the sources, so that every clone on a machine shares what was compiled in one.
     set(CMAKE_CXX_COMPILER_LAUNCHER
         "${CMAKE_COMMAND}" -E env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_NOHASHDIR=1
-        "${KY_CCACHE}")
+        CCACHE_SLOPPINESS=pch_defines,time_macros "${KY_CCACHE}")
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
