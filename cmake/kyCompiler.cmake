@@ -21,7 +21,8 @@ set(CMAKE_INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 find_program(KY_CCACHE ccache)
 if(KY_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    # Relative to the sources, so that every clone on a machine shares what was compiled in one.
+    # Relative to the sources, so that every clone on a machine shares what was compiled in one,
+    # but for the tests, who know their own folder.
     set(CMAKE_CXX_COMPILER_LAUNCHER
         "${CMAKE_COMMAND}" -E env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}" CCACHE_NOHASHDIR=1
         CCACHE_SLOPPINESS=pch_defines,time_macros "${KY_CCACHE}")

@@ -1,5 +1,5 @@
 # Builds for Windows on Linux with Debian's cross compiler, against the libraries in
-# KY_WINDOWS_PREFIX (scripts/windows-prefix.sh puts them there), and runs what is built under Wine.
+# KY_WINDOWS_PREFIX (scripts/windows-build.sh gives it), and runs what is built under Wine.
 
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
@@ -9,17 +9,8 @@ set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
 set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
 set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
 
-# As scripts/windows-prefix.sh takes it.
-set(prefix "$ENV{KY_WINDOWS_PREFIX}")
-if(prefix STREQUAL "")
-    set(cache "$ENV{XDG_CACHE_HOME}")
-    if(cache STREQUAL "")
-        set(cache "$ENV{HOME}/.cache")
-    endif()
-    set(prefix "${cache}/kyNetBase/windows-prefix")
-endif()
-get_filename_component(prefix "${prefix}" ABSOLUTE BASE_DIR "${CMAKE_CURRENT_LIST_DIR}/..")
-set(KY_WINDOWS_PREFIX "${prefix}" CACHE PATH "Where the libraries for Windows are installed")
+set(KY_WINDOWS_PREFIX "" CACHE PATH
+    "Where the libraries for Windows are installed; scripts/windows-prefix.sh prints where it puts them")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES KY_WINDOWS_PREFIX)
 
 # Nothing of the building machine but its programs.

@@ -4,6 +4,9 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-scripts/windows-prefix.sh
-cmake --preset windows >/dev/null
+prefix=$(scripts/windows-prefix.sh)
+# What was found in another folder is forgotten.
+fresh=--fresh
+! grep -qsxF "KY_WINDOWS_PREFIX:PATH=$prefix" build/windows/CMakeCache.txt || fresh=
+cmake --preset windows $fresh -DKY_WINDOWS_PREFIX="$prefix" >/dev/null
 cmake --build --preset windows --parallel "$(nproc)"

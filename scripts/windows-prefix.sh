@@ -1,33 +1,37 @@
 #!/usr/bin/env bash
 # Builds the libraries that the Windows build links, from Debian's source packages: the very sources
-# that the Linux build's development packages were made of. Keeps them where every clone finds them,
-# or in KY_WINDOWS_PREFIX, and builds them again only when one of those versions or this recipe
-# changes.
+# that the Linux build's development packages were made of. Prints the folder that holds them: one
+# for each set of versions and each recipe, where every clone finds it, so that they are built once.
 set -eEuo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+exec {answer}>&1 >&2
 
 scripts/install-dependencies.sh \
     autoconf automake dpkg-dev g++-mingw-w64-x86-64-posix googletest libtool make xz-utils
 
-prefix=$(realpath -m \
-    "${KY_WINDOWS_PREFIX:-${XDG_CACHE_HOME:-$HOME/.cache}/kyNetBase/windows-prefix}")
 toolchain=$PWD/cmake/kyWindowsToolchain.cmake
-work=$prefix.work
-log=$work/log # each library's build has its own
-
-# Clones that build at the same time: the first one does, the others wait for it.
-mkdir -p "$(dirname "$prefix")"
-exec {lock}>"$prefix.lock"
-flock "$lock"
 
 # The source packages, one "name=version" each.
 sources=$(dpkg-query -W -f '${source:Package}=${source:Version}\n' \
     libtbb-dev qtbase5-dev libsodium-dev liblz4-dev libzstd-dev)
 headers=$(dpkg-query -W -f '${Package}=${Version}\n' googletest libcli11-dev nlohmann-json3-dev)
-recipe=$(cat scripts/windows-prefix.sh "$toolchain" | sha256sum)
-stamp=$(printf '%s\n' "$sources" "$headers" \
-    "$(x86_64-w64-mingw32-g++-posix --version | head -1)" "recipe=$recipe")
-[ "$(cat "$prefix/stamp" 2>/dev/null)" != "$stamp" ] || exit 0
+stamp=$({
+    printf '%s\n' "$sources" "$headers"
+    x86_64-w64-mingw32-g++-posix --version
+    cat scripts/windows-prefix.sh "$toolchain"
+} | sha256sum)
+
+cache=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}}
+prefix=${cache:-$PWD/build}/kyNetBase/windows-prefix-${stamp:0:16}
+work=$prefix.work
+log=$work/log # each library's build has its own
+echo "$prefix" >&"$answer"
+
+# Clones that build at the same time: the first one does, the others wait for it.
+mkdir -p "$(dirname "$prefix")"
+exec {lock}>"$prefix.lock"
+flock --nonblock "$lock" || { echo "Waiting for another clone's $prefix" && flock "$lock"; }
+[ ! -f "$prefix/complete" ] || exit 0
 
 rm -rf "$prefix" "$work"
 mkdir -p "$prefix" "$work/apt/lists/partial" "$work/apt/cache/archives/partial" "$work/tools"
@@ -168,13 +172,18 @@ for source in $sources; do
 done
 
 # Each has stretches for one processor alone; the first takes about as long as all others together.
+# In process groups of their own, so that all of them end with this script.
+set -m
 buildEach qtbase-opensource-src &
 qt=$!
 buildEach onetbb libsodium libzstd lz4 googletest &
 others=$!
+set +m
+trap 'kill -- -$qt -$others 2>/dev/null || true' EXIT
 failed=0
 wait $qt || failed=1
 wait $others || failed=1
+trap - EXIT
 [ $failed = 0 ] || exit 1
 
 # Headers alone: the building machine's are Windows' too.
@@ -189,4 +198,4 @@ for package in libcli11-dev nlohmann-json3-dev; do
 done
 
 rm -rf "$work"
-printf '%s\n' "$stamp" >"$prefix/stamp"
+touch "$prefix/complete"

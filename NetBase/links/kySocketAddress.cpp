@@ -141,6 +141,14 @@ std::string kySocketAddress::getName() const
     return name;
 }
 
+bool kySocketAddress::isOnTheMachineOf(const kySocketAddress& other) const
+{
+    const auto isLoopback = [](const std::string& name) { return name.compare(0, 4, "127.") == 0; };
+    const std::string name = getName();
+    const std::string otherName = other.getName();
+    return name == otherName || (isLoopback(name) && isLoopback(otherName));
+}
+
 void kySocketAddress::splitServerAndPort(std::string address, std::string& server, int& port,
                                          int defaultPort)
 {

@@ -48,6 +48,10 @@ public:
     /// The address as numbers, without the port; an IPv4 address inside an IPv6 one as IPv4.
     std::string getName() const;
 
+    /// Whether a connection between the two stays on one machine: they are the same, or both are of
+    /// the loopback network. Ports do not matter.
+    bool isOnTheMachineOf(const kySocketAddress& other) const;
+
     /// The system's number of the family, 0 if there is no address.
     int getFamily() const;
 

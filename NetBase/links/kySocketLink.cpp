@@ -165,7 +165,10 @@ kySocketLink::kySocketLink(kySocketPipe& pipe, double timeout)
 }
 
 kySocketLink::kySocketLink(const kySocketLink& other)
-    : kyNetLink(other), m_descriptor(other.getDescriptor()), m_socket(other.m_socket)
+    : kyNetLink(other),
+      m_descriptor(other.getDescriptor()),
+      m_socket(other.m_socket),
+      m_carriesBulk(other.m_carriesBulk.load())
 {
 }
 
@@ -289,7 +292,9 @@ void kySocketLink::sendAll(kySockets::Block* blocks, std::size_t count)
     if (isClosed()) {
         throw kyConnectionClosed();
     }
-    if (blocks->length >= s_bulkSize && !m_carriesBulk.exchange(true)) {
+    const auto isBulk = [](const kySockets::Block& block) { return block.length >= s_bulkSize; };
+    if (!m_carriesBulk && std::any_of(blocks, blocks + count, isBulk)) {
+        m_carriesBulk = true;
         keepInCache(use.getHandle());
     }
     dropSent(blocks, count, 0);
@@ -315,7 +320,7 @@ void kySocketLink::sendAll(kySockets::Block* blocks, std::size_t count)
 void kySocketLink::keepInCache(kySocketHandle handle)
 {
     try {
-        if (getAddress().getName() == getPeerAddress().getName()) {
+        if (getAddress().isOnTheMachineOf(getPeerAddress())) {
             kySockets::setSendBuffer(handle, kyNetOptions::getMaxStreamBufferSize());
         }
     } catch (const kyNetError&) { // It has no such addresses; what matters is sent all the same.

@@ -49,6 +49,11 @@ struct Transfer;
 /// between, as kyNetOptions::setReceivePolling says; a link that this brings nothing stops it. A
 /// limit of setRecvTimeout begins behind it.
 ///
+/// Within a machine: a link whose ends have one address, or loopback addresses, and that sends a
+/// buffer of 98304 bytes or more lets the system hold no more than one or two such buffers on their
+/// way from then on, whatever was set before, an adopted one too: so they stay in a processor's
+/// cache. A send to a peer that receives nothing waits that much earlier.
+///
 /// Limits: a time-out in the middle of a buffer loses the bytes that have come so far, and the
 /// stream of buffers with them. Who wants to go on after a time-out asks pollReadable first.
 ///

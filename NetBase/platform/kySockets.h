@@ -128,8 +128,8 @@ bool setReuseAddress(kySocketHandle handle, bool reuse);
 bool setIPv6Only(kySocketHandle handle, bool only);
 bool setBlocking(kySocketHandle handle, bool blocking);
 
-/// Bounds the bytes that are sent and not yet taken by the peer's system, instead of letting the
-/// system find a bound of its own.
+/// Bounds the bytes that are sent and not yet taken by the peer's system to one or two times as
+/// many, instead of letting the system find a bound of its own.
 bool setSendBuffer(kySocketHandle handle, int bytes);
 
 /// Probes a silent peer after `idle` milliseconds, then every `interval`; true if both are set.

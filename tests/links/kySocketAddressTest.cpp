@@ -318,6 +318,25 @@ TEST(kySocketAddress, removesTheMappedPrefixFromAnyName)
     EXPECT_EQ(fromRecord(makeIPv6Record("::ffff:1:2:3", 1)).getName(), "1:2:3");
 }
 
+TEST(kySocketAddress, knowsWhatIsOnOneMachine)
+{
+    const auto areOnOne = [](const char* one, const char* other) {
+        const kySocketAddress first = fromRecord(makeIPv6Record(one, 1));
+        const kySocketAddress second = fromRecord(makeIPv6Record(other, 2));
+        EXPECT_EQ(first.isOnTheMachineOf(second), second.isOnTheMachineOf(first));
+        return first.isOnTheMachineOf(second);
+    };
+    EXPECT_TRUE(areOnOne("::ffff:10.0.0.5", "::ffff:10.0.0.5"));
+    EXPECT_FALSE(areOnOne("::ffff:10.0.0.5", "::ffff:10.0.0.50"));
+    EXPECT_TRUE(areOnOne("::ffff:127.0.0.1", "::ffff:127.0.1.1"));
+    EXPECT_FALSE(areOnOne("::ffff:127.0.0.1", "::ffff:10.0.0.5"));
+    EXPECT_FALSE(areOnOne("::ffff:127.0.0.1", "::ffff:126.255.255.255"));
+    EXPECT_FALSE(areOnOne("::ffff:12.7.0.1", "::ffff:12.7.0.2"));
+    EXPECT_TRUE(areOnOne("::1", "::1"));
+    EXPECT_FALSE(areOnOne("::1", "fd00::1"));
+    EXPECT_FALSE(areOnOne("fd00::1", "fd00::2"));
+}
+
 TEST(kySocketAddress, showsAScopeAsANumber)
 {
     EXPECT_EQ(fromRecord(makeIPv6Record("fe80::1", 1, 1)).getName(), "fe80::1%1");

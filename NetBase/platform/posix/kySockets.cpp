@@ -335,6 +335,7 @@ bool setBlocking(kySocketHandle handle, bool blocking)
 
 bool setSendBuffer(kySocketHandle handle, int bytes)
 {
+    // Linux doubles it for what it needs besides.
     return setNumber(handle, SOL_SOCKET, SO_SNDBUF, bytes);
 }
 

@@ -466,7 +466,9 @@ bool setBlocking(kySocketHandle handle, bool blocking)
 
 bool setSendBuffer(kySocketHandle handle, int bytes)
 {
-    return setNumber(handle, SOL_SOCKET, SO_SNDBUF, bytes);
+    // Room for one and the beginning of the next: a send that finds less waits for the peer's
+    // system to say that it has all, which takes its time.
+    return setNumber(handle, SOL_SOCKET, SO_SNDBUF, 2 * bytes);
 }
 
 bool setKeepAlive(kySocketHandle handle, std::uint32_t idle, std::uint32_t interval)
