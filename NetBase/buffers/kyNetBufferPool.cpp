@@ -1,9 +1,11 @@
 #include <NetBase/buffers/kyNetBufferPool.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <forward_list>
+#include <mutex>
 #include <new>
 #include <thread>
 #include <utility>
@@ -12,17 +14,40 @@ namespace {
 
 constexpr std::size_t s_cacheLine = 64;
 
+/// How many buffers one call of getMany takes together.
+constexpr std::size_t s_mostAtOnce = 256;
+
+/// Lets one thread at a time pass a few instructions; the others let it have the processor.
+class SpinLock
+{
+public:
+    void lock()
+    {
+        while (m_isTaken.exchange(true, std::memory_order_acquire)) {
+            std::this_thread::yield();
+        }
+    }
+    void unlock() { m_isTaken.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool> m_isTaken{false};
+};
+
+using Lock = std::lock_guard<SpinLock>;
+
 } // namespace
 
-/// Owns every buffer of a pool and queues those that nobody holds. Who releases puts a buffer on a
-/// stack; who takes has a list, and turns the whole stack into the next one when that has run out:
-/// a thread that takes what others release meets them once for all that has come back meanwhile.
-/// (A list for each thread that takes would let them meet less often still, but would reuse buffers
-/// out of turn.)
+/// Owns every buffer of a pool and queues those that nobody holds. Who releases a buffer appends it
+/// to one list; who takes reads another from its begin, and exchanges the two when that has run
+/// out: a thread that takes what others release meets them once for all that has come back
+/// meanwhile. (A list for each thread that takes would let them meet less often still, but would
+/// reuse buffers out of turn.) They are lists of pointers in a row, not a chain through the
+/// buffers: what comes next is known without reading what another processor has written.
 ///
-/// Nothing is allocated unless the pool grows: what a shared pointer needs is kept beside its
-/// buffer. Nothing is counted for each buffer either: one that is released when the pool is gone
-/// finds the stack closed, and the last of them takes the list along.
+/// Nothing is allocated unless the pool grows: both lists have room for all buffers that there are,
+/// and what a shared pointer needs is kept beside its buffer. Nothing is counted for each buffer
+/// either: one that is released when the pool is gone finds the list closed, and the last of them
+/// takes the lists along.
 class kyNetBufferPool::FreeList
 {
 public:
@@ -32,6 +57,9 @@ public:
 
     /// The buffer that has been back for longest, empty if none is.
     std::shared_ptr<kyNetBuffer> tryTake();
+
+    /// Appends up to so many of those that have been back for longest; answers how many.
+    std::size_t tryTake(std::size_t most, std::vector<std::shared_ptr<kyNetBuffer>>& out);
 
     void makeOne();
 
@@ -43,25 +71,26 @@ private:
     struct Entry;
     struct ControlBlock;
     template <class T> struct ControlBlockAllocator;
+    using Entries = std::vector<Entry*>;
 
-    Entry* takeEntry();
-    static Entry* reverse(Entry* newest);
-    static void fetchSome(Entry* entry);
-    ControlBlock* getControlBlock(Entry* entry);
+    std::size_t takeEntries(Entry** entries, std::size_t most);
+    static void fetchSome(Entry* const* next, std::size_t count);
+    static std::shared_ptr<kyNetBuffer> handOut(Entry* entry);
+    static ControlBlock* getControlBlock(Entry* entry);
     void giveBack(Entry* entry) noexcept;
     static void discard(Entry* entry) noexcept;
     static void dropUse(Entry* entry) noexcept;
     void dropUse() noexcept;
 
-    /// Stands for the newest when the pool is gone.
-    Entry* getClosedMark() { return reinterpret_cast<Entry*>(this); }
-
-    // Of those who take: one at a time, for a few instructions.
-    alignas(s_cacheLine) std::atomic<bool> m_isTaking{false};
-    Entry* m_oldest = nullptr;
+    // Of those who take.
+    alignas(s_cacheLine) SpinLock m_taking;
+    Entries m_oldest;
+    std::size_t m_next = 0; ///< The first of them that is not taken.
 
     // Of those who release.
-    alignas(s_cacheLine) std::atomic<Entry*> m_newest{nullptr};
+    alignas(s_cacheLine) SpinLock m_releasing;
+    Entries m_newest;
+    bool m_isClosed = false;
 
     // Of the buffers that there are, and of the pool.
     alignas(s_cacheLine) std::atomic<std::size_t> m_uses{1};
@@ -88,12 +117,12 @@ struct alignas(s_cacheLine) kyNetBufferPool::FreeList::Entry
     explicit Entry(FreeList* owner) : list(owner) {}
 
     kyNetBuffer buffer;
-    Entry* next = nullptr; ///< Came back after it; on the stack before it.
     FreeList* list;
     std::atomic<std::size_t> uses{0}; ///< Blocks that are left behind.
-    // Two are enough for two threads: a buffer is back a moment before its block is, and long
-    // before if there are weak pointers.
-    std::forward_list<ControlBlock> blocks{2};
+    ControlBlock block;
+    // With one more there are enough for two threads: a buffer is back a moment before its block
+    // is, and long before if there are weak pointers.
+    std::forward_list<ControlBlock> spareBlocks{1};
 };
 
 template <class T> struct kyNetBufferPool::FreeList::ControlBlockAllocator
@@ -125,110 +154,140 @@ template <class T> struct kyNetBufferPool::FreeList::ControlBlockAllocator
     ControlBlock* block;
 };
 
-kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::takeEntry()
-{
-    while (m_isTaking.exchange(true, std::memory_order_acquire)) {
-        std::this_thread::yield();
-    }
-    Entry* oldest = m_oldest;
-    if (oldest == nullptr && m_newest.load(std::memory_order_relaxed) != nullptr) {
-        oldest = reverse(m_newest.exchange(nullptr, std::memory_order_acq_rel));
-    }
-    if (oldest != nullptr) {
-        m_oldest = oldest->next;
-        fetchSome(m_oldest);
-    }
-    m_isTaking.store(false, std::memory_order_release);
-    return oldest;
-}
-
-/// Puts the oldest first.
-kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::reverse(Entry* newest)
-{
-    Entry* oldest = nullptr;
-    while (newest != nullptr) {
-        oldest = std::exchange(newest, std::exchange(newest->next, oldest));
-    }
-    return oldest;
-}
-
-/// Whoever takes the next buffers but two will write the beginning of one that another processor
-/// has read: has it brought here meanwhile.
-void kyNetBufferPool::FreeList::fetchSome(Entry* entry)
-{
-    for (int i = 0; i < 2 && entry != nullptr; ++i) {
-        entry = entry->next;
-    }
-    if (entry != nullptr) {
-        const auto* const begin = reinterpret_cast<const char*>(entry->buffer.getBuffer());
-        __builtin_prefetch(begin, 1);
-        __builtin_prefetch(begin + s_cacheLine, 1);
-        __builtin_prefetch(&entry->blocks.front(), 1);
-    }
-}
-
 std::shared_ptr<kyNetBuffer> kyNetBufferPool::FreeList::tryTake()
 {
-    Entry* const entry = takeEntry();
-    if (entry == nullptr) {
-        return nullptr;
+    Entry* entry = nullptr;
+    return takeEntries(&entry, 1) == 1 ? handOut(entry) : nullptr;
+}
+
+std::size_t kyNetBufferPool::FreeList::tryTake(std::size_t most,
+                                               std::vector<std::shared_ptr<kyNetBuffer>>& out)
+{
+    std::array<Entry*, s_mostAtOnce> entries;
+    const std::size_t count = takeEntries(entries.data(), std::min(most, entries.size()));
+    std::size_t i = 0;
+    try {
+        for (; i < count; ++i) {
+            fetchSome(&entries[i], count - i);
+            out.push_back(handOut(entries[i]));
+        }
+    } catch (const std::bad_alloc&) { // That one is back already.
+        std::for_each(entries.data() + i + 1, entries.data() + count,
+                      [this](Entry* entry) { giveBack(entry); });
+        throw;
     }
+    return count;
+}
+
+/// Fetches what comes after them, too.
+std::size_t kyNetBufferPool::FreeList::takeEntries(Entry** entries, std::size_t most)
+{
+    const Lock taking(m_taking);
+    if (m_next == m_oldest.size()) {
+        m_oldest.clear();
+        m_next = 0;
+        const Lock releasing(m_releasing);
+        std::swap(m_oldest, m_newest);
+    }
+    const std::size_t count = std::min(most, m_oldest.size() - m_next);
+    std::copy_n(m_oldest.data() + m_next, count, entries);
+    m_next += count;
+    fetchSome(m_oldest.data() + m_next, m_oldest.size() - m_next);
+    return count;
+}
+
+/// Another processor may have used those that are handed out next, and will have to give them up:
+/// asks for one of them so early that it is here in time, and for the beginning of its data, which
+/// cannot be found before it is here, when it is nearer.
+void kyNetBufferPool::FreeList::fetchSome(Entry* const* next, std::size_t count)
+{
+    constexpr std::size_t entriesAhead = 16;
+    constexpr std::size_t dataAhead = 8;
+    if (count > entriesAhead) {
+        const Entry* const entry = next[entriesAhead];
+        __builtin_prefetch(&entry->buffer, 1);
+        __builtin_prefetch(&entry->block, 1);
+    }
+    if (count > dataAhead) {
+        const auto* const begin =
+            reinterpret_cast<const char*>(next[dataAhead]->buffer.getBuffer());
+        __builtin_prefetch(begin, 1);
+        __builtin_prefetch(begin + s_cacheLine, 1);
+    }
+}
+
+std::shared_ptr<kyNetBuffer> kyNetBufferPool::FreeList::handOut(Entry* entry)
+{
     ControlBlock* const block = getControlBlock(entry);
     return {&entry->buffer, [entry](kyNetBuffer*) { entry->list->giveBack(entry); },
             ControlBlockAllocator<kyNetBuffer>{entry, block}};
 }
 
-void kyNetBufferPool::FreeList::makeOne()
-{
-    auto* const entry = new Entry(this);
-    ++m_uses;
-    giveBack(entry);
-}
-
-void kyNetBufferPool::FreeList::close()
-{
-    while (Entry* const entry = takeEntry()) {
-        discard(entry);
-    }
-    // Some may have come back meanwhile.
-    Entry* newest = m_newest.exchange(getClosedMark(), std::memory_order_acquire);
-    while (newest != nullptr) {
-        discard(std::exchange(newest, newest->next));
-    }
-    dropUse();
-}
-
-/// A block that is not used, of an entry that is taken.
+/// A block that is not used, of an entry that is taken. The entry is back if there is no memory.
 kyNetBufferPool::FreeList::ControlBlock* kyNetBufferPool::FreeList::getControlBlock(Entry* entry)
 {
     using State = ControlBlock::State;
-    for (ControlBlock& block : entry->blocks) {
-        if (block.state.load(std::memory_order_acquire) == State::Free) {
+    const auto tryUse = [](ControlBlock& block) {
+        const bool isFree = block.state.load(std::memory_order_acquire) == State::Free;
+        if (isFree) {
             block.state.store(State::Used, std::memory_order_relaxed);
+        }
+        return isFree;
+    };
+    if (tryUse(entry->block)) {
+        return &entry->block;
+    }
+    for (ControlBlock& block : entry->spareBlocks) {
+        if (tryUse(block)) {
             return &block;
         }
     }
     try {
-        entry->blocks.emplace_front();
+        entry->spareBlocks.emplace_front();
     } catch (const std::bad_alloc&) {
-        giveBack(entry);
+        entry->list->giveBack(entry);
         throw;
     }
-    entry->blocks.front().state = State::Used;
-    return &entry->blocks.front();
+    entry->spareBlocks.front().state = State::Used;
+    return &entry->spareBlocks.front();
+}
+
+void kyNetBufferPool::FreeList::makeOne()
+{
+    auto entry = std::make_unique<Entry>(this);
+    const Lock taking(m_taking);
+    const Lock releasing(m_releasing);
+    const std::size_t buffers = m_uses; // The pool's use counted for the new one.
+    for (Entries* entries : {&m_oldest, &m_newest}) {
+        if (entries->capacity() < buffers) {
+            entries->reserve(2 * buffers);
+        }
+    }
+    m_newest.push_back(entry.release());
+    ++m_uses;
 }
 
 void kyNetBufferPool::FreeList::giveBack(Entry* entry) noexcept
 {
-    Entry* newest = m_newest.load(std::memory_order_relaxed);
-    do {
-        if (newest == getClosedMark()) {
-            discard(entry);
+    {
+        const Lock releasing(m_releasing);
+        if (!m_isClosed) {
+            m_newest.push_back(entry); // There is room.
             return;
         }
-        entry->next = newest;
-    } while (!m_newest.compare_exchange_weak(newest, entry, std::memory_order_release,
-                                             std::memory_order_relaxed));
+    }
+    discard(entry);
+}
+
+void kyNetBufferPool::FreeList::close()
+{
+    {
+        const Lock releasing(m_releasing);
+        m_isClosed = true;
+    }
+    std::for_each(m_oldest.begin() + static_cast<std::ptrdiff_t>(m_next), m_oldest.end(), discard);
+    std::for_each(m_newest.begin(), m_newest.end(), discard);
+    dropUse();
 }
 
 /// Lets an entry go whose pool is gone, as soon as none of its blocks is used any more.
@@ -236,12 +295,14 @@ void kyNetBufferPool::FreeList::discard(Entry* entry) noexcept
 {
     using State = ControlBlock::State;
     entry->uses = 1;
-    for (ControlBlock& block : entry->blocks) {
+    const auto leave = [&](ControlBlock& block) {
         ++entry->uses;
         if (block.state.exchange(State::LeftBehind) == State::Free) {
             --entry->uses;
         }
-    }
+    };
+    leave(entry->block);
+    std::for_each(entry->spareBlocks.begin(), entry->spareBlocks.end(), leave);
     dropUse(entry);
 }
 
@@ -281,8 +342,12 @@ std::shared_ptr<kyNetBuffer> kyNetBufferPool::get()
 
 void kyNetBufferPool::getMany(int n, std::vector<std::shared_ptr<kyNetBuffer>>& out)
 {
-    for (int i = 0; i < n; ++i) {
-        out.push_back(get());
+    while (n > 0) {
+        const auto taken = static_cast<int>(m_freeList->tryTake(static_cast<std::size_t>(n), out));
+        if (taken == 0) {
+            addBuffer();
+        }
+        n -= taken;
     }
 }
 

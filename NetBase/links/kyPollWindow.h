@@ -43,8 +43,9 @@ public:
         if (isOver()) {
             return; // There was no wait to learn from.
         }
-        const TimePoint end = Clock::now() + limit;
-        if (isOpen() && poll(isOver, end)) {
+        const TimePoint begin = Clock::now();
+        const TimePoint end = begin + limit;
+        if (isOpen() && poll(isOver, begin, end)) {
             m_longWaits = 0;
             return;
         }
@@ -80,21 +81,19 @@ private:
     /// The last waits before a trial, whose pace it has to beat.
     static constexpr int s_comparedWaits = 32;
 
-    template <class IsOver> bool poll(const IsOver& isOver, TimePoint end)
+    template <class IsOver> bool poll(const IsOver& isOver, TimePoint now, TimePoint end)
     {
-        TimePoint next = Clock::now();
-        decideToGather(next);
-        if (m_isGathering) {
-            next = std::min(next + s_gatheringTime, end);
-        }
+        decideToGather(now);
+        const TimePoint next = m_isGathering ? std::min(now + s_gatheringTime, end) : now;
         do {
             do {
                 std::this_thread::yield();
-            } while (Clock::now() < next);
+                now = Clock::now();
+            } while (now < next);
             if (isOver()) {
                 return true;
             }
-        } while (Clock::now() < end);
+        } while (now < end);
         return false;
     }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <random>
 #include <set>
@@ -110,6 +111,30 @@ TEST(kyNetBufferPool, orderIsThatOfComingBackWhicheverThreadsRelease)
     for (kyNetBuffer* expected : order) {
         held.push_back(pool.get());
         EXPECT_EQ(held.back().get(), expected);
+    }
+}
+
+TEST(kyNetBufferPool, orderIsThatOfComingBackHoweverManyAreTaken)
+{
+    constexpr std::size_t buffers = 1000;
+    kyNetBufferPool pool;
+    Buffers held;
+    pool.getMany(buffers, held);
+    std::shuffle(held.begin(), held.end(), std::mt19937(1));
+    std::vector<kyNetBuffer*> order;
+    for (Buffer& buffer : held) {
+        order.push_back(buffer.get());
+        buffer.reset();
+    }
+    held.clear();
+    for (const int many : {1, 255, 256, 257, 2}) {
+        pool.getMany(many, held);
+        held.push_back(pool.get());
+    }
+    pool.getMany(static_cast<int>(buffers - held.size()), held);
+    ASSERT_EQ(held.size(), buffers);
+    for (std::size_t i = 0; i < buffers; ++i) {
+        EXPECT_EQ(held[i].get(), order[i]) << i;
     }
 }
 
@@ -278,6 +303,37 @@ TEST(kyNetBufferPool, weakPointersOutliveTheirPool)
         end = pool.get();
     }
     EXPECT_EQ(end.lock(), nullptr);
+}
+
+TEST(kyNetBufferPool, getManyWithoutMemoryLosesNoBuffer)
+{
+    constexpr std::size_t buffers = 20;
+    for (const std::size_t granted : {0U, 1U, 7U, 19U}) {
+        kyNetBufferPool pool;
+        Buffers held;
+        held.reserve(buffers + 1);
+        pool.getMany(buffers, held);
+        const std::set<kyNetBuffer*> made = addressesOf(held);
+        // Until there are so many weak pointers that the next use of each buffer takes memory.
+        std::vector<std::weak_ptr<kyNetBuffer>> ends;
+        for (int requests = 0; requests == 0;) {
+            ends.insert(ends.end(), held.begin(), held.end());
+            held.clear();
+            const kyTest::CountedMemory memory;
+            pool.getMany(buffers, held);
+            requests = memory.getCount();
+        }
+        ends.insert(ends.end(), held.begin(), held.end());
+        held.clear();
+        {
+            const kyTest::NoMemoryAfter memory(static_cast<int>(granted));
+            EXPECT_THROW(pool.getMany(buffers, held), std::bad_alloc);
+        }
+        EXPECT_EQ(held.size(), granted);
+
+        pool.getMany(static_cast<int>(buffers - granted), held);
+        EXPECT_EQ(addressesOf(held), made);
+    }
 }
 
 TEST(kyNetBufferPool, takingAndReleasingAllocatesNothing)

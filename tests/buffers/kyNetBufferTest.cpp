@@ -1,9 +1,11 @@
 #include <NetBase/buffers/kyNetBuffer.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <locale>
+#include <map>
 #include <memory>
 #include <optional>
 #include <queue>
@@ -160,6 +162,23 @@ TEST(kyNetBuffer, isOneBlockOfHeaderAndData)
     // The whole of it is there; the address sanitizer checks.
     std::memset(buffer.getBuffer(), 0x5a, 20 + s_capacity);
     EXPECT_EQ(buffer.getData()[s_capacity - 1], 0x5a);
+}
+
+// Those that do compete for a few lines of a processor's cache.
+TEST(kyNetBuffer, headersOfBuffersStandAtDifferentPlacesOfTheirPages)
+{
+    constexpr std::size_t buffers = 64;
+    constexpr std::uintptr_t page = 4096;
+    constexpr std::uintptr_t small = 128;
+    std::vector<std::unique_ptr<kyNetBuffer>> held;
+    std::map<std::uintptr_t, int> countOfPlace;
+    int most = 0;
+    for (std::size_t i = 0; i < buffers; ++i) {
+        held.push_back(std::make_unique<kyNetBuffer>());
+        const auto address = reinterpret_cast<std::uintptr_t>(held.back()->getBuffer());
+        most = std::max(most, ++countOfPlace[address % page / small]);
+    }
+    EXPECT_LE(most, 8);
 }
 
 TEST(kyNetBuffer, wrapsAndFreesABlock)

