@@ -226,16 +226,16 @@ TEST(kyPollWindow, doesNotGatherWhatComesAnyway)
     EXPECT_FALSE(waiter.window.isGathering());
 }
 
-// One in 3 microseconds of this clock before, so that a quarter more are 34.2 in 82.
+// One in 2 microseconds of this clock before, so that a quarter more are 50.6 in 81.
 TEST(kyPollWindow, gathersForAQuarterMoreAndNotForLess)
 {
     const ReceivePolling polling(kyNetOptions::getMaxReceivePolling());
-    for (const int received : {34, 35}) {
+    for (const int received : {50, 51}) {
         Waiter waiter;
         countWaitsUntilGathering(waiter);
         findAtOnce(waiter, received - 1);
         waiter.waitForLook(2);
-        EXPECT_EQ(waiter.window.isGathering(), received == 35);
+        EXPECT_EQ(waiter.window.isGathering(), received == 51);
     }
 }
 
