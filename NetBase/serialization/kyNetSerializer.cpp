@@ -16,29 +16,6 @@ namespace {
                      " bytes in buffer. Max accessible bytes " + std::to_string(accessible));
 }
 
-/// Copies the first and the last bytes, as many as a register holds; together they are all.
-template <std::size_t Half> void copyEnds(char* to, const char* from, std::size_t size)
-{
-    std::array<char, Half> first;
-    std::array<char, Half> last;
-    std::memcpy(first.data(), from, Half);
-    std::memcpy(last.data(), from + size - Half, Half);
-    std::memcpy(to, first.data(), Half);
-    std::memcpy(to + size - Half, last.data(), Half);
-}
-
-/// Most texts are short: for them a call costs more than the copying.
-void copyText(char* to, const char* from, std::size_t size)
-{
-    if (size >= 16 && size <= 32) {
-        copyEnds<16>(to, from, size);
-    } else if (size >= 8 && size < 16) {
-        copyEnds<8>(to, from, size);
-    } else {
-        std::memcpy(to, from, size);
-    }
-}
-
 } // namespace
 
 kyNetSerializer::kyNetSerializer(int sendThreshold)
@@ -105,23 +82,6 @@ void kyNetSerializer::getBytes(void* target, std::uint64_t size)
             return;
         }
         fetchRecvBuffer();
-    }
-}
-
-void kyNetSerializer::putValue(const char* text)
-{
-    if (text == nullptr) {
-        text = "";
-    }
-    const std::uint64_t size = std::strlen(text) + 1;
-    const auto length = static_cast<std::uint32_t>(size);
-    if (sizeof length + size < m_send.getSize()) {
-        char* const begin = m_send.position + sizeof length;
-        std::memcpy(m_send.position, &length, sizeof length);
-        copyText(begin, text, size);
-        m_send.position = begin + size;
-    } else {
-        putSplitText(text, size);
     }
 }
 

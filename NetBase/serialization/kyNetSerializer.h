@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -60,6 +61,29 @@ template <class T>
 constexpr bool isFixedSize =
     std::is_trivially_copyable_v<T> && !std::is_const_v<T> && !std::is_array_v<T> &&
     !std::is_empty_v<T> && !isLocalOnly<T> && !HasPutValue<T>::value && !HasGetValue<T>::value;
+
+/// Copies the first and the last bytes, as many as a register holds; together they are all.
+template <std::size_t Half> void copyEnds(char* to, const char* from, std::size_t size)
+{
+    std::array<char, Half> first;
+    std::array<char, Half> last;
+    std::memcpy(first.data(), from, Half);
+    std::memcpy(last.data(), from + size - Half, Half);
+    std::memcpy(to, first.data(), Half);
+    std::memcpy(to + size - Half, last.data(), Half);
+}
+
+/// Most texts are short: for them a call costs more than the copying.
+inline void copyText(char* to, const char* from, std::size_t size)
+{
+    if (size >= 16 && size <= 32) {
+        copyEnds<16>(to, from, size);
+    } else if (size >= 8 && size < 16) {
+        copyEnds<8>(to, from, size);
+    } else {
+        std::memcpy(to, from, size);
+    }
+}
 
 } // namespace kyNetValue
 
@@ -133,7 +157,22 @@ public:
     }
 
     /// Writes a text; null as the empty one. Throws kyNetError for one of 4 GiB and more.
-    void putValue(const char* text);
+    void putValue(const char* text)
+    {
+        if (text == nullptr) {
+            text = "";
+        }
+        const std::uint64_t size = std::strlen(text) + 1;
+        const auto length = static_cast<std::uint32_t>(size);
+        if (sizeof length + size < m_send.getSize()) {
+            char* const begin = m_send.position + sizeof length;
+            std::memcpy(m_send.position, &length, sizeof length);
+            kyNetValue::copyText(begin, text, size);
+            m_send.position = begin + size;
+        } else {
+            putSplitText(text, size);
+        }
+    }
 
     /// Writes a text up to its first zero byte.
     void putValue(const std::string& text) { putValue(text.c_str()); }

@@ -1,10 +1,15 @@
 #include <benchmarks/workloads/workloads.h>
 
+#include <algorithm>
+
 #include <benchmarks/core/Run.h>
 
 namespace bench {
 
 namespace {
+
+/// Who leaves less leaves nothing, as far as the clocks tell.
+constexpr double s_least = 1e-3;
 
 /// The share of one processor that both processes leave alone while nothing travels, and how much
 /// they take of each second.
@@ -13,7 +18,7 @@ Sample runIdle(const Contender& contender, double seconds)
     const std::vector<Report> reports = runOnce(contender, seconds);
     const double taken = (reports[0].at("processorSeconds") + reports[1].at("processorSeconds")) /
                          reports[1].at("seconds");
-    return {{1 - taken}, taken * 1e6};
+    return {{std::max(1 - taken, s_least)}, taken * 1e6};
 }
 
 } // namespace
