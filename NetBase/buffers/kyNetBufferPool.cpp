@@ -3,12 +3,16 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <forward_list>
 #include <mutex>
 #include <new>
 #include <thread>
 #include <utility>
+
+#include <tbb/concurrent_vector.h>
 
 namespace {
 
@@ -16,6 +20,13 @@ constexpr std::size_t s_cacheLine = 64;
 
 /// How many buffers one call of getMany takes together.
 constexpr std::size_t s_mostAtOnce = 256;
+
+/// How many buffers ahead of the one that is taken what the next ones consist of is fetched.
+constexpr std::size_t s_later = 16;
+constexpr std::size_t s_soon = 8;
+
+/// How long the end of a pool waits for a thread that is releasing a buffer.
+constexpr std::chrono::seconds s_patience{1};
 
 /// Lets one thread at a time pass a few instructions; the others let it have the processor.
 class SpinLock
@@ -33,21 +44,23 @@ private:
     std::atomic<bool> m_isTaken{false};
 };
 
-using Lock = std::lock_guard<SpinLock>;
-
 } // namespace
 
-/// Owns every buffer of a pool and queues those that nobody holds. Who releases a buffer appends it
-/// to one list; who takes reads another from its begin, and exchanges the two when that has run
-/// out: a thread that takes what others release meets them once for all that has come back
-/// meanwhile. (A list for each thread that takes would let them meet less often still, but would
-/// reuse buffers out of turn.) They are lists of pointers in a row, not a chain through the
-/// buffers: what comes next is known without reading what another processor has written.
+/// Owns every buffer of a pool and queues those that nobody holds: on two shelves of numbered
+/// places. Who releases a buffer draws a ticket for the next place of one shelf and puts it there,
+/// without waiting for anybody. Who takes empties the other shelf from its begin, and has the next
+/// tickets lead to that one when it is empty: a thread that takes what others release meets them
+/// once for all that has come back meanwhile. (Shelves for each thread that takes would let them
+/// meet less often still, but would reuse buffers out of turn.)
 ///
-/// Nothing is allocated unless the pool grows: both lists have room for all buffers that there are,
-/// and what a shared pointer needs is kept beside its buffer. Nothing is counted for each buffer
-/// either: one that is released when the pool is gone finds the list closed, and the last of them
-/// takes the lists along.
+/// What a buffer is made of is on its way from the processor that used it last, and would be waited
+/// for where it is needed at once. A shelf tells what comes next without it, in time to have it
+/// fetched.
+///
+/// Nothing is allocated unless the pool grows: each shelf has a place for every buffer that there
+/// is, and what a shared pointer needs is kept beside its buffer. Nothing is counted for each
+/// buffer either: one that is released when the pool is gone finds the tickets void, and the last
+/// of them takes the shelves along.
 class kyNetBufferPool::FreeList
 {
 public:
@@ -71,29 +84,45 @@ private:
     struct Entry;
     struct ControlBlock;
     template <class T> struct ControlBlockAllocator;
-    using Entries = std::vector<Entry*>;
+
+    /// Empty until the buffer of its ticket is there.
+    struct Place
+    {
+        std::atomic<Entry*> entry{nullptr};
+    };
+    using Clock = std::chrono::steady_clock;
+    using Shelf = tbb::concurrent_vector<Place>; // Its elements stay where they are.
+
+    /// The number of a place, twice, and which shelf.
+    using Ticket = std::uint64_t;
+    static constexpr Ticket s_void = Ticket{1} << 63;
+    Place& getPlace(Ticket ticket) { return m_shelves[ticket % 2][ticket / 2]; }
 
     std::size_t takeEntries(Entry** entries, std::size_t most);
-    static void fetchSome(Entry* const* next, std::size_t count);
+    void changeShelves();
+    static Entry* await(const Place& place, Clock::time_point end);
+    const Entry* look(std::size_t ahead);
+    static void fetch(const Entry* later, const Entry* soon);
     static std::shared_ptr<kyNetBuffer> handOut(Entry* entry);
     static ControlBlock* getControlBlock(Entry* entry);
     void giveBack(Entry* entry) noexcept;
+    void discardFrom(Ticket next, Ticket end) noexcept;
     static void discard(Entry* entry) noexcept;
     static void dropUse(Entry* entry) noexcept;
     void dropUse() noexcept;
 
     // Of those who take.
     alignas(s_cacheLine) SpinLock m_taking;
-    Entries m_oldest;
-    std::size_t m_next = 0; ///< The first of them that is not taken.
+    Ticket m_next = 0;
+    Ticket m_end = 0;
 
     // Of those who release.
-    alignas(s_cacheLine) SpinLock m_releasing;
-    Entries m_newest;
-    bool m_isClosed = false;
+    alignas(s_cacheLine) std::atomic<Ticket> m_ticket{1};
 
     // Of the buffers that there are, and of the pool.
-    alignas(s_cacheLine) std::atomic<std::size_t> m_uses{1};
+    alignas(s_cacheLine) std::array<Shelf, 2> m_shelves;
+    std::mutex m_making;
+    std::atomic<std::size_t> m_uses{1};
 };
 
 /// Memory of what a shared pointer keeps beside the buffer. Different threads use the neighbours:
@@ -165,13 +194,14 @@ std::size_t kyNetBufferPool::FreeList::tryTake(std::size_t most,
 {
     std::array<Entry*, s_mostAtOnce> entries;
     const std::size_t count = takeEntries(entries.data(), std::min(most, entries.size()));
+    const auto look = [&](std::size_t i) { return i < count ? entries[i] : nullptr; };
     std::size_t i = 0;
     try {
         for (; i < count; ++i) {
-            fetchSome(&entries[i], count - i);
+            fetch(look(i + s_later), look(i + s_soon));
             out.push_back(handOut(entries[i]));
         }
-    } catch (const std::bad_alloc&) { // That one is back already.
+    } catch (...) { // That one is back already.
         std::for_each(entries.data() + i + 1, entries.data() + count,
                       [this](Entry* entry) { giveBack(entry); });
         throw;
@@ -179,38 +209,60 @@ std::size_t kyNetBufferPool::FreeList::tryTake(std::size_t most,
     return count;
 }
 
-/// Fetches what comes after them, too.
+/// Fetches some of what comes after them, too.
 std::size_t kyNetBufferPool::FreeList::takeEntries(Entry** entries, std::size_t most)
 {
-    const Lock taking(m_taking);
-    if (m_next == m_oldest.size()) {
-        m_oldest.clear();
-        m_next = 0;
-        const Lock releasing(m_releasing);
-        std::swap(m_oldest, m_newest);
+    const std::lock_guard<SpinLock> taking(m_taking);
+    if (m_next == m_end) {
+        changeShelves();
     }
-    const std::size_t count = std::min(most, m_oldest.size() - m_next);
-    std::copy_n(m_oldest.data() + m_next, count, entries);
-    m_next += count;
-    fetchSome(m_oldest.data() + m_next, m_oldest.size() - m_next);
+    const std::size_t count = std::min<std::size_t>(most, (m_end - m_next) / 2);
+    for (std::size_t i = 0; i < count; ++i, m_next += 2) {
+        Place& place = getPlace(m_next);
+        entries[i] = await(place, Clock::time_point::max());
+        place.entry.store(nullptr, std::memory_order_relaxed);
+    }
+    fetch(look(s_later), look(s_soon));
     return count;
 }
 
-/// Another processor may have used those that are handed out next, and will have to give them up:
-/// asks for one of them so early that it is here in time, and for the beginning of its data, which
-/// cannot be found before it is here, when it is nearer.
-void kyNetBufferPool::FreeList::fetchSome(Entry* const* next, std::size_t count)
+/// The empty shelf for the one on which something has come back meanwhile.
+void kyNetBufferPool::FreeList::changeShelves()
 {
-    constexpr std::size_t entriesAhead = 16;
-    constexpr std::size_t dataAhead = 8;
-    if (count > entriesAhead) {
-        const Entry* const entry = next[entriesAhead];
-        __builtin_prefetch(&entry->buffer, 1);
-        __builtin_prefetch(&entry->block, 1);
+    if (m_ticket.load(std::memory_order_relaxed) > 1) {
+        m_end = m_ticket.exchange(m_end % 2, std::memory_order_acq_rel);
+        m_next = m_end % 2;
     }
-    if (count > dataAhead) {
-        const auto* const begin =
-            reinterpret_cast<const char*>(next[dataAhead]->buffer.getBuffer());
+}
+
+/// The buffer whose ticket led there: it comes in a moment. Nothing if it has not until the end.
+kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::await(const Place& place,
+                                                                   Clock::time_point end)
+{
+    Entry* entry = place.entry.load(std::memory_order_acquire);
+    while (entry == nullptr && Clock::now() < end) {
+        std::this_thread::yield();
+        entry = place.entry.load(std::memory_order_acquire);
+    }
+    return entry;
+}
+
+/// What will be taken after so many others, nothing if that is not known.
+const kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::look(std::size_t ahead)
+{
+    const Ticket ticket = m_next + 2 * ahead;
+    return ticket < m_end ? getPlace(ticket).entry.load(std::memory_order_acquire) : nullptr;
+}
+
+/// The beginning of a buffer's data cannot be found before the rest of it is here.
+void kyNetBufferPool::FreeList::fetch(const Entry* later, const Entry* soon)
+{
+    if (later != nullptr) {
+        __builtin_prefetch(&later->buffer, 1);
+        __builtin_prefetch(&later->block, 1);
+    }
+    if (soon != nullptr) {
+        const auto* const begin = reinterpret_cast<const char*>(soon->buffer.getBuffer());
         __builtin_prefetch(begin, 1);
         __builtin_prefetch(begin + s_cacheLine, 1);
     }
@@ -255,39 +307,44 @@ kyNetBufferPool::FreeList::ControlBlock* kyNetBufferPool::FreeList::getControlBl
 void kyNetBufferPool::FreeList::makeOne()
 {
     auto entry = std::make_unique<Entry>(this);
-    const Lock taking(m_taking);
-    const Lock releasing(m_releasing);
-    const std::size_t buffers = m_uses; // The pool's use counted for the new one.
-    for (Entries* entries : {&m_oldest, &m_newest}) {
-        if (entries->capacity() < buffers) {
-            entries->reserve(2 * buffers);
+    {
+        const std::lock_guard<std::mutex> making(m_making);
+        const std::size_t buffers = m_uses; // The pool's use counted for the new one.
+        for (Shelf& shelf : m_shelves) {
+            shelf.grow_to_at_least(buffers);
         }
+        ++m_uses;
     }
-    m_newest.push_back(entry.release());
-    ++m_uses;
+    giveBack(entry.release());
 }
 
 void kyNetBufferPool::FreeList::giveBack(Entry* entry) noexcept
 {
-    {
-        const Lock releasing(m_releasing);
-        if (!m_isClosed) {
-            m_newest.push_back(entry); // There is room.
-            return;
-        }
+    const Ticket ticket = m_ticket.fetch_add(2, std::memory_order_acq_rel);
+    if (ticket < s_void) {
+        getPlace(ticket).entry.store(entry, std::memory_order_release);
+    } else {
+        discard(entry);
     }
-    discard(entry);
 }
 
 void kyNetBufferPool::FreeList::close()
 {
-    {
-        const Lock releasing(m_releasing);
-        m_isClosed = true;
-    }
-    std::for_each(m_oldest.begin() + static_cast<std::ptrdiff_t>(m_next), m_oldest.end(), discard);
-    std::for_each(m_newest.begin(), m_newest.end(), discard);
+    const Ticket end = m_ticket.fetch_or(s_void, std::memory_order_acq_rel);
+    discardFrom(m_next, m_end);
+    discardFrom(end % 2, end);
     dropUse();
+}
+
+/// Leaves behind what never comes: its thread was ended by force, as at a process's end.
+void kyNetBufferPool::FreeList::discardFrom(Ticket next, Ticket end) noexcept
+{
+    const auto patience = Clock::now() + s_patience;
+    for (; next != end; next += 2) {
+        if (Entry* const entry = await(getPlace(next), patience)) {
+            discard(entry);
+        }
+    }
 }
 
 /// Lets an entry go whose pool is gone, as soon as none of its blocks is used any more.

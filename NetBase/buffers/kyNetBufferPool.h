@@ -19,8 +19,8 @@
 /// releasing those that are there, what a shared pointer keeps beside a buffer included.
 ///
 /// Threads: any number at once, without a mutex; those that take meanwhile wait for each other for
-/// a few instructions, as do those that release, and let others have the processor. Buffers may be
-/// released at any time, also after their pool is gone and while the process ends.
+/// a few instructions, and let others have the processor. Releasing waits for nobody: it may happen
+/// at any time, also after the pool is gone and while the process ends.
 class KY_NETBASE_EXPORT kyNetBufferPool
 {
 public:

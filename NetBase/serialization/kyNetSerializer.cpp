@@ -1,7 +1,6 @@
 #include <NetBase/serialization/kyNetSerializer.h>
 
 #include <algorithm>
-#include <array>
 #include <limits>
 
 #include <NetBase/buffers/kyNetBuffer.h>

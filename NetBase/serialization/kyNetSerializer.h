@@ -16,7 +16,7 @@
 class kyNetBuffer;
 class kyNetSerializer;
 
-/// Which values a kyNetSerializer takes in which form.
+/// Which values a kyNetSerializer takes in which form, and how it copies short texts.
 namespace kyNetValue {
 
 /// Nothing for a serializer, which has such functions, too, but is no record.

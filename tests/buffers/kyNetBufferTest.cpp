@@ -178,7 +178,7 @@ TEST(kyNetBuffer, headersOfBuffersStandAtDifferentPlacesOfTheirPages)
         const auto address = reinterpret_cast<std::uintptr_t>(held.back()->getBuffer());
         most = std::max(most, ++countOfPlace[address % page / small]);
     }
-    EXPECT_LE(most, 8);
+    EXPECT_LE(most, 16);
 }
 
 TEST(kyNetBuffer, wrapsAndFreesABlock)

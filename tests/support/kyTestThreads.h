@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 /// What the tests ask the operating system about threads, and how they make it refuse them.
@@ -26,6 +27,21 @@ public:
 
 private:
     std::size_t m_previous;
+};
+
+/// While it lives the thread with this number (getThreadId) stands still where it happens to be.
+/// One at a time.
+class StoppedThread
+{
+public:
+    explicit StoppedThread(std::uint64_t threadId);
+    ~StoppedThread();
+
+    StoppedThread(const StoppedThread&) = delete;
+    StoppedThread& operator=(const StoppedThread&) = delete;
+
+private:
+    std::uint64_t m_threadId;
 };
 
 } // namespace kyTest

@@ -1,11 +1,14 @@
 #include <tests/support/kyTestThreads.h>
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <system_error>
 
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <tests/support/platform/posix/kyTestForbid.h>
 
@@ -35,6 +38,25 @@ void setStackSize(std::size_t size)
     ::pthread_attr_destroy(&attributes);
     if (error != 0) {
         throw std::system_error(error, std::generic_category(), "pthread_setattr_default_np");
+    }
+}
+
+std::atomic<bool> s_mustStop{false};
+std::atomic<bool> s_isStopped{false};
+
+void stopHere(int)
+{
+    s_isStopped = true;
+    while (s_mustStop) {
+        ::sched_yield();
+    }
+    s_isStopped = false;
+}
+
+void awaitStopped(bool isStopped)
+{
+    while (s_isStopped != isStopped) {
+        ::sched_yield();
     }
 }
 
@@ -69,6 +91,27 @@ NoNewThreads::NoNewThreads() : m_previous(getStackSize())
 NoNewThreads::~NoNewThreads()
 {
     setStackSize(m_previous);
+}
+
+StoppedThread::StoppedThread(std::uint64_t threadId) : m_threadId(threadId)
+{
+    struct sigaction action
+    {
+    };
+    action.sa_handler = stopHere;
+    ::sigaction(SIGUSR2, &action, nullptr);
+    s_mustStop = true;
+    if (::syscall(SYS_tgkill, ::getpid(), m_threadId, SIGUSR2) != 0) {
+        throw std::system_error(errno, std::generic_category(), "tgkill");
+    }
+    awaitStopped(true);
+}
+
+StoppedThread::~StoppedThread()
+{
+    s_mustStop = false;
+    awaitStopped(false);
+    ::signal(SIGUSR2, SIG_DFL);
 }
 
 } // namespace kyTest

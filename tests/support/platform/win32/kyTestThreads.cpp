@@ -3,9 +3,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <system_error>
 
 #include <windows.h>
 
+#include <Utils/platform/win32/kyHandle.h>
 #include <tests/support/platform/win32/kyTestForbid.h>
 
 namespace kyTest {
@@ -50,6 +52,12 @@ DWORD_PTR getAffinity()
     return ofThread;
 }
 
+kyHandle openThread(std::uint64_t threadId)
+{
+    return kyHandle(::OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT, FALSE,
+                                 static_cast<DWORD>(threadId)));
+}
+
 } // namespace
 
 std::vector<int> getProcessors()
@@ -79,6 +87,23 @@ NoNewThreads::NoNewThreads()
 NoNewThreads::~NoNewThreads()
 {
     s_noNewThreads = m_previous;
+}
+
+StoppedThread::StoppedThread(std::uint64_t threadId) : m_threadId(threadId)
+{
+    const kyHandle thread = openThread(m_threadId);
+    if (::SuspendThread(thread.get()) == static_cast<DWORD>(-1)) {
+        throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(),
+                                "SuspendThread");
+    }
+    CONTEXT context{}; // It stands still at the latest when this is known.
+    context.ContextFlags = CONTEXT_CONTROL;
+    ::GetThreadContext(thread.get(), &context);
+}
+
+StoppedThread::~StoppedThread()
+{
+    ::ResumeThread(openThread(m_threadId).get());
 }
 
 } // namespace kyTest
