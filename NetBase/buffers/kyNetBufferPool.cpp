@@ -12,8 +12,6 @@
 #include <thread>
 #include <utility>
 
-#include <tbb/concurrent_vector.h>
-
 namespace {
 
 constexpr std::size_t s_cacheLine = 64;
@@ -63,6 +61,48 @@ private:
 /// of them takes the shelves along.
 class kyNetBufferPool::FreeList
 {
+    struct Entry;
+    struct ControlBlock;
+    template <class T> struct ControlBlockAllocator;
+
+    /// Empty until the buffer of its ticket is there.
+    using Place = std::atomic<Entry*>;
+
+    /// Places that stay where they are, and are used, while there are more and more: each block of
+    /// them has twice as many as the one before.
+    class Shelf
+    {
+    public:
+        /// One of those that there are.
+        Place& operator[](std::size_t number) const
+        {
+            const std::size_t i = number + s_first;
+            const std::size_t block = getHighestBit(i);
+            return m_blocks[block - getHighestBit(s_first)][i - (std::size_t{1} << block)];
+        }
+
+        /// So many, at least. Throws std::bad_alloc.
+        void growTo(std::size_t count)
+        {
+            for (std::size_t block = 0, size = s_first; count > size - s_first; ++block) {
+                if (!m_blocks[block]) {
+                    m_blocks[block].reset(new Place[size]());
+                }
+                size *= 2;
+            }
+        }
+
+    private:
+        static constexpr std::size_t s_first = 64;
+
+        static constexpr std::size_t getHighestBit(std::size_t i)
+        {
+            return static_cast<std::size_t>(63 - __builtin_clzll(i));
+        }
+
+        std::array<std::unique_ptr<Place[]>, 57> m_blocks;
+    };
+
 public:
     FreeList() = default;
     FreeList(const FreeList&) = delete;
@@ -81,27 +121,17 @@ public:
     void close();
 
 private:
-    struct Entry;
-    struct ControlBlock;
-    template <class T> struct ControlBlockAllocator;
-
-    /// Empty until the buffer of its ticket is there.
-    struct Place
-    {
-        std::atomic<Entry*> entry{nullptr};
-    };
     using Clock = std::chrono::steady_clock;
-    using Shelf = tbb::concurrent_vector<Place>; // Its elements stay where they are.
 
     /// The number of a place, twice, and which shelf.
     using Ticket = std::uint64_t;
     static constexpr Ticket s_void = Ticket{1} << 63;
-    Place& getPlace(Ticket ticket) { return m_shelves[ticket % 2][ticket / 2]; }
+    Place& getPlace(Ticket ticket) const { return m_shelves[ticket % 2][ticket / 2]; }
 
     std::size_t takeEntries(Entry** entries, std::size_t most);
     void changeShelves();
     static Entry* await(const Place& place, Clock::time_point end);
-    const Entry* look(std::size_t ahead);
+    const Entry* look(std::size_t ahead) const;
     static void fetch(const Entry* later, const Entry* soon);
     static std::shared_ptr<kyNetBuffer> handOut(Entry* entry);
     static ControlBlock* getControlBlock(Entry* entry);
@@ -220,7 +250,7 @@ std::size_t kyNetBufferPool::FreeList::takeEntries(Entry** entries, std::size_t 
     for (std::size_t i = 0; i < count; ++i, m_next += 2) {
         Place& place = getPlace(m_next);
         entries[i] = await(place, Clock::time_point::max());
-        place.entry.store(nullptr, std::memory_order_relaxed);
+        place.store(nullptr, std::memory_order_relaxed);
     }
     fetch(look(s_later), look(s_soon));
     return count;
@@ -239,19 +269,19 @@ void kyNetBufferPool::FreeList::changeShelves()
 kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::await(const Place& place,
                                                                    Clock::time_point end)
 {
-    Entry* entry = place.entry.load(std::memory_order_acquire);
+    Entry* entry = place.load(std::memory_order_acquire);
     while (entry == nullptr && Clock::now() < end) {
         std::this_thread::yield();
-        entry = place.entry.load(std::memory_order_acquire);
+        entry = place.load(std::memory_order_acquire);
     }
     return entry;
 }
 
 /// What will be taken after so many others, nothing if that is not known.
-const kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::look(std::size_t ahead)
+const kyNetBufferPool::FreeList::Entry* kyNetBufferPool::FreeList::look(std::size_t ahead) const
 {
     const Ticket ticket = m_next + 2 * ahead;
-    return ticket < m_end ? getPlace(ticket).entry.load(std::memory_order_acquire) : nullptr;
+    return ticket < m_end ? getPlace(ticket).load(std::memory_order_acquire) : nullptr;
 }
 
 /// The beginning of a buffer's data cannot be found before the rest of it is here.
@@ -311,7 +341,7 @@ void kyNetBufferPool::FreeList::makeOne()
         const std::lock_guard<std::mutex> making(m_making);
         const std::size_t buffers = m_uses; // The pool's use counted for the new one.
         for (Shelf& shelf : m_shelves) {
-            shelf.grow_to_at_least(buffers);
+            shelf.growTo(buffers);
         }
         ++m_uses;
     }
@@ -322,7 +352,7 @@ void kyNetBufferPool::FreeList::giveBack(Entry* entry) noexcept
 {
     const Ticket ticket = m_ticket.fetch_add(2, std::memory_order_acq_rel);
     if (ticket < s_void) {
-        getPlace(ticket).entry.store(entry, std::memory_order_release);
+        getPlace(ticket).store(entry, std::memory_order_release);
     } else {
         discard(entry);
     }

@@ -412,6 +412,36 @@ TEST(kyNetBufferPool, getManyWithoutMemoryLosesNoBuffer)
     }
 }
 
+TEST(kyNetBufferPool, growthThatFailedForLackOfMemorySucceedsLater)
+{
+    bool hasFailed = true;
+    int granted = 0;
+    for (; hasFailed; ++granted) {
+        kyNetBufferPool pool;
+        Buffers held;
+        held.reserve(300);
+        pool.getMany(64, held); // For the next one more than itself is needed.
+        {
+            const kyTest::NoMemoryAfter memory(granted);
+            try {
+                held.push_back(pool.get());
+            } catch (const std::bad_alloc&) {
+                EXPECT_EQ(held.size(), 64U);
+            }
+            hasFailed = memory.hasFailed();
+        }
+        pool.getMany(200, held);
+        const std::set<kyNetBuffer*> made = addressesOf(held);
+        EXPECT_EQ(made.size(), held.size());
+
+        const auto count = static_cast<int>(held.size());
+        held.clear();
+        pool.getMany(count, held);
+        EXPECT_EQ(addressesOf(held), made);
+    }
+    EXPECT_GT(granted, 3); // The buffer, what it is kept by, and its places on both shelves.
+}
+
 TEST(kyNetBufferPool, takingAndReleasingAllocatesNothing)
 {
     kyNetBufferPool pool;
