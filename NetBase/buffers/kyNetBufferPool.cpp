@@ -366,7 +366,8 @@ void kyNetBufferPool::FreeList::close()
     dropUse();
 }
 
-/// Leaves behind what never comes: its thread was ended by force, as at a process's end.
+/// Leaves behind, for good, what does not come: its thread stands still, or was ended by force as
+/// at a process's end.
 void kyNetBufferPool::FreeList::discardFrom(Ticket next, Ticket end) noexcept
 {
     const auto patience = Clock::now() + s_patience;

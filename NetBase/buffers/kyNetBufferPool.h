@@ -18,9 +18,10 @@
 /// its last use: whoever takes one sets all that it relies on. Nothing is allocated for taking and
 /// releasing those that are there, what a shared pointer keeps beside a buffer included.
 ///
-/// Threads: any number at once, without a mutex; those that take meanwhile wait for each other for
-/// a few instructions, and let others have the processor. Releasing waits for nobody: it may happen
-/// at any time, also after the pool is gone and while the process ends.
+/// Threads: any number at once, without a mutex unless the pool grows; who takes waits a few
+/// instructions for others that take, and for the one whose released buffer comes next, and lets
+/// them have the processor. Releasing waits for nobody: it may happen at any time, also after the
+/// pool is gone and while the process ends.
 class KY_NETBASE_EXPORT kyNetBufferPool
 {
 public:

@@ -102,6 +102,7 @@ StoppedThread::StoppedThread(std::uint64_t threadId) : m_threadId(threadId)
     ::sigaction(SIGUSR2, &action, nullptr);
     s_mustStop = true;
     if (::syscall(SYS_tgkill, ::getpid(), m_threadId, SIGUSR2) != 0) {
+        s_mustStop = false;
         throw std::system_error(errno, std::generic_category(), "tgkill");
     }
     awaitStopped(true);
