@@ -178,10 +178,10 @@ struct alignas(s_cacheLine) kyNetBufferPool::FreeList::Entry
     kyNetBuffer buffer;
     FreeList* list;
     std::atomic<std::size_t> uses{0}; ///< Blocks that are left behind.
-    ControlBlock block;
-    // With one more there are enough for two threads: a buffer is back a moment before its block
+    // One beside the first is enough for two threads: a buffer is back a moment before its block
     // is, and long before if there are weak pointers.
     std::forward_list<ControlBlock> spareBlocks{1};
+    ControlBlock block; ///< Used first.
 };
 
 template <class T> struct kyNetBufferPool::FreeList::ControlBlockAllocator
