@@ -112,7 +112,7 @@ iovec toVector(const Block& block)
     return {const_cast<void*>(block.data), block.length}; // The system's type is for both ways.
 }
 
-/// Costs a tenth less than a list of one.
+/// Takes less of the system than a list of one.
 ssize_t sendOne(kySocketHandle handle, const Block& block)
 {
     return repeat(

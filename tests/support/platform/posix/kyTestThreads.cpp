@@ -41,6 +41,7 @@ void setStackSize(std::size_t size)
     }
 }
 
+struct sigaction s_previousAction;
 std::atomic<bool> s_mustStop{false};
 std::atomic<bool> s_isStopped{false};
 
@@ -99,11 +100,12 @@ StoppedThread::StoppedThread(std::uint64_t threadId) : m_threadId(threadId)
     {
     };
     action.sa_handler = stopHere;
-    ::sigaction(SIGUSR2, &action, nullptr);
+    ::sigaction(SIGUSR2, &action, &s_previousAction);
     s_mustStop = true;
     if (::syscall(SYS_tgkill, ::getpid(), m_threadId, SIGUSR2) != 0) {
-        s_mustStop = false;
-        throw std::system_error(errno, std::generic_category(), "tgkill");
+        const int error = errno;
+        ::sigaction(SIGUSR2, &s_previousAction, nullptr);
+        throw std::system_error(error, std::generic_category(), "tgkill");
     }
     awaitStopped(true);
 }
@@ -112,7 +114,7 @@ StoppedThread::~StoppedThread()
 {
     s_mustStop = false;
     awaitStopped(false);
-    ::signal(SIGUSR2, SIG_DFL);
+    ::sigaction(SIGUSR2, &s_previousAction, nullptr);
 }
 
 } // namespace kyTest
