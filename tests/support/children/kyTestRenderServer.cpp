@@ -2,6 +2,7 @@
 // text with a text. Its last argument may say how it misbehaves.
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -88,11 +89,13 @@ void lingerOn()
     std::this_thread::sleep_for(std::chrono::minutes(2));
 }
 
-/// Opens the pipe and never takes what it is handed.
-void neverTake()
+/// Opens the pipe and never answers what it is handed. It speaks once the service can only wait for
+/// that answer.
+void neverAnswer()
 {
     kyTest::RawPipe pipe = kyTest::RawPipe::connect(pipeName());
     pipe.send(kyTest::pipeBytes(kyPlatform::getProcessId()).substr(0, 4));
+    pipe.receive(sizeof(std::uint64_t));
     std::cout << "deaf" << std::endl;
     lingerOn();
 }
@@ -118,7 +121,7 @@ int main(int argc, char** argv)
     s_arguments.assign(argv, argv + argc);
     const std::string& behaviour = s_arguments.back();
     if (behaviour == "deaf") {
-        neverTake();
+        neverAnswer();
     } else if (behaviour == "leave") {
         return 0;
     } else if (behaviour == "host") {
