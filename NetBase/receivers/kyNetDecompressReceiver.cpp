@@ -95,7 +95,7 @@ void kyNetDecompressReceiver::decompressLoop()
     for (;;) {
         Waiting next;
         m_compressed->pop(next);
-        if (!next.buffer) {
+        if (!next.buffer || m_isEnding) {
             return;
         }
         const bool isReady = m_output->getFailure().attempt(
@@ -131,6 +131,7 @@ bool kyNetDecompressReceiver::isReadable()
 
 void kyNetDecompressReceiver::stop()
 {
+    m_isEnding = true;
     shutdown();
     for (std::thread& reader : m_readers) {
         reader.join();
@@ -139,7 +140,7 @@ void kyNetDecompressReceiver::stop()
     for (Waiting dropped; m_compressed->try_pop(dropped);) {
     }
     for (std::size_t i = 0; i < m_workers.size(); ++i) {
-        m_compressed->push({}); // The end of a thread.
+        m_compressed->push({}); // Wakes a thread, to its end.
     }
     for (std::thread& worker : m_workers) {
         worker.join();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -74,6 +75,7 @@ private:
     std::shared_ptr<kyNetCompressorBase> m_compressor;
     std::unique_ptr<kyNetRecvQueue> m_output;
     std::unique_ptr<Compressed> m_compressed;
+    std::atomic<bool> m_isEnding{false};
     std::vector<std::thread> m_readers;
     std::vector<std::thread> m_workers;
 };

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <NetBase/buffers/kyConnectionClosed.h>
 #include <NetBase/platform/kyThreads.h>
 #include <NetBase/receivers/kyNetLinkReceiver.h>
 #include <NetBase/receivers/kyNetSortReceiver.h>
@@ -24,6 +25,7 @@
 #include <tests/support/kyTestChains.h>
 #include <tests/support/kyTestCompression.h>
 #include <tests/support/kyTestMemory.h>
+#include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestThreads.h>
 
 using kyTest::Blocked;
@@ -131,6 +133,26 @@ public:
 private:
     std::promise<void> m_opening;
     std::shared_future<void> m_isOpen = m_opening.get_future().share();
+};
+
+/// A child that waits for something else than its link once that is shut down.
+class LingeringTap final : public Tap
+{
+public:
+    explicit LingeringTap(Gate& gate) : m_gate(gate) {}
+
+    void recv(Buffer& buffer) override
+    {
+        try {
+            Tap::recv(buffer);
+        } catch (const kyConnectionClosed&) {
+            m_gate.wait();
+            throw;
+        }
+    }
+
+private:
+    Gate& m_gate;
 };
 
 void refuseBad(const std::string& data)
@@ -485,6 +507,34 @@ TEST(kyNetDecompressReceiver, endDropsWhatWaitsAndFinishesWhatIsInTheWorks)
     ending.finish();
     EXPECT_EQ(f.compressor->decompressed, threads);
     EXPECT_TRUE(f.taps[0]->isShutDown());
+}
+
+TEST(kyNetDecompressReceiver, endDecompressesNothingMoreThoughAChildDelaysIt)
+{
+    const unsigned threads = kyThreads::countHardwareThreads();
+    const int decompressing = static_cast<int>(threads);
+    Gate gate;
+    Gate childGate;
+    const auto compressor = std::make_shared<ZCompressor>();
+    compressor->onDecompress = [&](const std::string&) { gate.wait(); };
+    const auto tap = std::make_shared<LingeringTap>(childGate);
+    auto receiver = kyNetDecompressReceiver::create(compressor, {tap});
+    for (int i = 0; i < decompressing + 100; ++i) {
+        tap->give(makeCompressed("zx"));
+    }
+    ASSERT_TRUE(tap->hasDelivered(decompressing + 100));
+    ASSERT_TRUE(waitUntil([&] { return compressor->decompressed == decompressing; }));
+
+    Blocked ending([&] { receiver.reset(); });
+    EXPECT_TRUE(waitUntil([&] { return tap->isShutDown(); }));
+    const std::size_t before = kyTest::countThreads();
+    gate.open();
+    EXPECT_TRUE(waitUntil([&] { return kyTest::countThreads() <= before - threads; }));
+    EXPECT_EQ(compressor->decompressed, decompressing);
+    EXPECT_TRUE(ending.isBlocked());
+    childGate.open();
+    ending.finish();
+    EXPECT_EQ(compressor->decompressed, decompressing);
 }
 
 TEST(kyNetDecompressReceiver, endRightAfterTheBeginning)
