@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <tests/support/kyTestMemory.h>
+#include <tests/support/kyTestSlowness.h>
 #include <tests/support/kyTestSocket.h>
 #include <tests/support/kyTestThreads.h>
 #include <tests/support/kyTestWait.h>
@@ -454,7 +455,7 @@ TEST(kyNetBufferPool, getManyWithoutMemoryLosesNoBuffer)
 
 TEST(kyNetBufferPool, growthThatFailedForLackOfMemorySucceedsLater)
 {
-    constexpr int buffers = 200;
+    constexpr int buffers = kyTest::s_isSlow ? 100 : 200;
     bool hasFailed = true;
     int granted = 0;
     for (; hasFailed; ++granted) {

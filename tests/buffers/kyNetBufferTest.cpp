@@ -21,6 +21,7 @@
 
 #include <NetBase/buffers/kyNetBufferPool.h>
 #include <NetBase/buffers/kyNetError.h>
+#include <tests/support/kyTestSlowness.h>
 
 namespace {
 
@@ -728,7 +729,7 @@ TEST(kyNetBuffer, randomBytesAreSplitExactlyOrRefused)
 TEST(kyNetBuffer, everyMixOfBuffersComesThroughBundlesInOrder)
 {
     Random pick(815);
-    for (int run = 0; run < 60; ++run) {
+    for (int run = 0; run < (kyTest::s_isSlow ? 20 : 60); ++run) {
         std::vector<std::string> expected;
         Queue queue;
         for (int i = 0; i < 60; ++i) {

@@ -11,6 +11,7 @@
 
 #include <NetBase/serialization/kyNetStdIStream.h>
 #include <tests/serialization/kyTestMemoryStream.h>
+#include <tests/support/kyTestSlowness.h>
 
 using kyTest::chunkOf;
 using kyTest::endOfText;
@@ -265,7 +266,7 @@ TEST(kyNetStdOStream, megabytesWithFlushesAtRandomPlaces)
 TEST(kyNetStdOStream, textsOverAConnectionBetweenValues)
 {
     constexpr int s_texts = 5;
-    const std::string text = makeText(3000000);
+    const std::string text = makeText(kyTest::s_isSlow ? 600000 : 3000000);
     const auto [near, far] = kyTest::makeLinks();
     auto writing = std::async(std::launch::async, [&, link = near] {
         kyNetStream stream(link);
