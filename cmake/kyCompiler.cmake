@@ -30,13 +30,6 @@ endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror)
 add_compile_definitions(QT_NO_KEYWORDS)
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # It would move the two words of a shared pointer as one, which waits for both to be in memory
-    # where each has just been written.
-    add_compile_options(-fno-tree-slp-vectorize)
-    # Nobody replaces functions of the library: calls within a source go straight.
-    add_compile_options(-fno-semantic-interposition)
-endif()
 if(WIN32)
     # Nothing older than Windows 10, and of its headers only what a source asks for.
     add_compile_definitions(_WIN32_WINNT=0x0A00 WIN32_LEAN_AND_MEAN NOMINMAX)
