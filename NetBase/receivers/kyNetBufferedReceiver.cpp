@@ -3,11 +3,12 @@
 #include <utility>
 
 #include <NetBase/buffers/kyNetBuffer.h>
+#include <NetBase/links/kyNetLink.h>
 #include <NetBase/receivers/kyNetRecvQueue.h>
 
 kyNetBufferedReceiver::kyNetBufferedReceiver(
     const std::vector<std::shared_ptr<kyNetReceiver>>& children)
-    : kyNetReceiver(children), m_queue(std::make_unique<kyNetRecvQueue>())
+    : kyNetReceiver(children), m_queue(std::make_unique<kyNetRecvQueue>()), m_links(getLinks())
 {
     try {
         for (const auto& child : children) {
@@ -46,7 +47,11 @@ void kyNetBufferedReceiver::recvAvailable(std::queue<std::shared_ptr<kyNetBuffer
 
 void kyNetBufferedReceiver::stop()
 {
-    shutdown();
+    m_links.clear();
+    getLinks(m_links); // Needs no memory but for those that have come since the beginning.
+    for (const auto& link : m_links) {
+        link->shutdown();
+    }
     for (std::thread& thread : m_threads) {
         thread.join();
     }

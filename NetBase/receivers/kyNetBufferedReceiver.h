@@ -22,7 +22,8 @@ class kyNetRecvQueue;
 /// be too slow.
 ///
 /// Lifetime: destruction shuts down every link below, which ends the threads, and drops what is
-/// still queued. A child that waits for something else than its links delays it.
+/// still queued. A child that waits for something else than its links delays it. Without memory it
+/// ends all the same.
 ///
 /// Failures: what a child's recv throws, a time-out too, ends its thread. The first failure of all
 /// is thrown by recv behind all that this child had delivered before, once for each child that
@@ -54,5 +55,6 @@ private:
     void stop();
 
     std::unique_ptr<kyNetRecvQueue> m_queue;
+    std::vector<std::shared_ptr<kyNetLink>> m_links; ///< Those that the end shuts down.
     std::vector<std::thread> m_threads;
 };

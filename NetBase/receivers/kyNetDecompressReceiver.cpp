@@ -1,12 +1,14 @@
 #include <NetBase/receivers/kyNetDecompressReceiver.h>
 
+#include <condition_variable>
+#include <mutex>
+#include <queue>
 #include <utility>
-
-#include <tbb/concurrent_queue.h>
 
 #include <NetBase/buffers/kyNetBuffer.h>
 #include <NetBase/buffers/kyNetError.h>
 #include <NetBase/buffers/kyNetOptions.h>
+#include <NetBase/links/kyNetLink.h>
 #include <NetBase/platform/kyThreads.h>
 #include <NetBase/receivers/kyNetRecvQueue.h>
 #include <NetBase/senders/kyNetCompressorBase.h>
@@ -15,8 +17,7 @@ namespace {
 
 using Buffer = std::shared_ptr<kyNetBuffer>;
 
-/// A buffer that waits to be decompressed. Until it is ready, more comes from its source. A thread
-/// ends at one without a buffer.
+/// A buffer that waits to be decompressed. Until it is ready, more comes from its source.
 struct Waiting
 {
     Buffer buffer;
@@ -34,8 +35,55 @@ Buffer checked(Buffer made)
 
 } // namespace
 
-class kyNetDecompressReceiver::Compressed : public tbb::concurrent_bounded_queue<Waiting>
+/// What waits to be decompressed, until the end.
+class kyNetDecompressReceiver::Compressed
 {
+public:
+    void push(Waiting waiting)
+    {
+        {
+            const Lock lock(m_mutex);
+            if (m_isEnding) {
+                return;
+            }
+            m_waiting.push(std::move(waiting));
+        }
+        m_arrival.notify_one();
+    }
+
+    /// Takes the next one; blocks until there is one. False when the queue ends.
+    bool pop(Waiting& next)
+    {
+        Lock lock(m_mutex);
+        m_arrival.wait(lock, [this] { return m_isEnding || !m_waiting.empty(); });
+        if (m_isEnding) {
+            return false;
+        }
+        next = std::move(m_waiting.front());
+        m_waiting.pop();
+        return true;
+    }
+
+    /// Drops what waits and whatever comes, and lets nobody wait any more. Needs no memory.
+    void end()
+    {
+        {
+            const Lock lock(m_mutex);
+            m_isEnding = true;
+        }
+        m_arrival.notify_all();
+        while (!m_waiting.empty()) { // Nobody else looks at it from now on.
+            m_waiting.pop();
+        }
+    }
+
+private:
+    using Lock = std::unique_lock<std::mutex>;
+
+    std::mutex m_mutex;
+    std::condition_variable m_arrival;
+    std::queue<Waiting> m_waiting;
+    bool m_isEnding = false;
 };
 
 kyNetDecompressReceiver::kyNetDecompressReceiver(
@@ -44,7 +92,8 @@ kyNetDecompressReceiver::kyNetDecompressReceiver(
     : kyNetReceiver(children),
       m_compressor(compressor),
       m_output(std::make_unique<kyNetRecvQueue>()),
-      m_compressed(std::make_unique<Compressed>())
+      m_compressed(std::make_unique<Compressed>()),
+      m_links(getLinks())
 {
     try {
         startThreads(children);
@@ -92,12 +141,7 @@ void kyNetDecompressReceiver::startThreads(
 
 void kyNetDecompressReceiver::decompressLoop()
 {
-    for (;;) {
-        Waiting next;
-        m_compressed->pop(next);
-        if (!next.buffer || m_isEnding) {
-            return;
-        }
+    for (Waiting next; m_compressed->pop(next); next = {}) {
         const bool isReady = m_output->getFailure().attempt(
             [&] { m_output->push(checked(m_compressor->decompress(next.buffer))); });
         if (!isReady) {
@@ -131,16 +175,14 @@ bool kyNetDecompressReceiver::isReadable()
 
 void kyNetDecompressReceiver::stop()
 {
-    m_isEnding = true;
-    shutdown();
+    m_compressed->end();
+    m_links.clear();
+    getLinks(m_links); // Needs no memory but for those that have come since the beginning.
+    for (const auto& link : m_links) {
+        link->shutdown();
+    }
     for (std::thread& reader : m_readers) {
         reader.join();
-    }
-
-    for (Waiting dropped; m_compressed->try_pop(dropped);) {
-    }
-    for (std::size_t i = 0; i < m_workers.size(); ++i) {
-        m_compressed->push({}); // Wakes a thread, to its end.
     }
     for (std::thread& worker : m_workers) {
         worker.join();

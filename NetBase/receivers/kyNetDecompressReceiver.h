@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -29,7 +28,8 @@ class kyNetRecvQueue;
 /// compressor is used by several threads at once.
 ///
 /// Lifetime: destruction shuts down every link below and waits for what is being decompressed; what
-/// waits is dropped. A child that waits for something else than its links delays it.
+/// waits, or comes then, is dropped. A child that waits for something else than its links delays
+/// it. Without memory it ends all the same.
 ///
 /// Failures: what a child's recv throws, a time-out too, ends its thread, and is told behind all
 /// that came from that child before; what the compressor throws costs that buffer only. For each of
@@ -75,7 +75,7 @@ private:
     std::shared_ptr<kyNetCompressorBase> m_compressor;
     std::unique_ptr<kyNetRecvQueue> m_output;
     std::unique_ptr<Compressed> m_compressed;
-    std::atomic<bool> m_isEnding{false};
+    std::vector<std::shared_ptr<kyNetLink>> m_links; ///< Those that the end shuts down.
     std::vector<std::thread> m_readers;
     std::vector<std::thread> m_workers;
 };

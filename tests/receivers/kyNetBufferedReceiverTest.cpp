@@ -341,6 +341,19 @@ TEST(kyNetBufferedReceiver, stagesMayStandAboveEachOther)
     EXPECT_TRUE(endsAtOnce(receiver));
 }
 
+TEST(kyNetBufferedReceiver, endNeedsNoMemory)
+{
+    const auto [near, far] = kyTest::makeLinks();
+    const auto [otherNear, otherFar] = kyTest::makeLinks();
+    auto receiver = kyNetBufferedReceiver::create(
+        Children{kyNetLinkReceiver::create(near), kyNetLinkReceiver::create(otherNear)});
+    far->send(makeBuffer("a"));
+    EXPECT_EQ(recvFrom(*receiver), "a");
+    const kyTest::NoMemoryAfter noMemory(0);
+    receiver.reset();
+    EXPECT_FALSE(noMemory.hasFailed());
+}
+
 TEST(kyNetBufferedReceiver, endWakesThreadsThatWaitInRealLinks)
 {
     Connected c(4);

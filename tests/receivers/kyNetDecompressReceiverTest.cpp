@@ -25,7 +25,6 @@
 #include <tests/support/kyTestChains.h>
 #include <tests/support/kyTestCompression.h>
 #include <tests/support/kyTestMemory.h>
-#include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestThreads.h>
 
 using kyTest::Blocked;
@@ -133,6 +132,18 @@ public:
 private:
     std::promise<void> m_opening;
     std::shared_future<void> m_isOpen = m_opening.get_future().share();
+};
+
+/// Says of a thread that has one that it has ended.
+struct CountedEnd
+{
+    CountedEnd() = default;
+    ~CountedEnd() { ++s_count; }
+
+    CountedEnd(const CountedEnd&) = delete;
+    CountedEnd& operator=(const CountedEnd&) = delete;
+
+    static inline std::atomic<int> s_count{0};
 };
 
 /// A child that waits for something else than its link once that is shut down.
@@ -511,12 +522,14 @@ TEST(kyNetDecompressReceiver, endDropsWhatWaitsAndFinishesWhatIsInTheWorks)
 
 TEST(kyNetDecompressReceiver, endDecompressesNothingMoreThoughAChildDelaysIt)
 {
-    const unsigned threads = kyThreads::countHardwareThreads();
-    const int decompressing = static_cast<int>(threads);
+    const int decompressing = static_cast<int>(kyThreads::countHardwareThreads());
     Gate gate;
     Gate childGate;
     const auto compressor = std::make_shared<ZCompressor>();
-    compressor->onDecompress = [&](const std::string&) { gate.wait(); };
+    compressor->onDecompress = [&](const std::string&) {
+        thread_local const CountedEnd counted;
+        gate.wait();
+    };
     const auto tap = std::make_shared<LingeringTap>(childGate);
     auto receiver = kyNetDecompressReceiver::create(compressor, {tap});
     for (int i = 0; i < decompressing + 100; ++i) {
@@ -527,9 +540,9 @@ TEST(kyNetDecompressReceiver, endDecompressesNothingMoreThoughAChildDelaysIt)
 
     Blocked ending([&] { receiver.reset(); });
     EXPECT_TRUE(waitUntil([&] { return tap->isShutDown(); }));
-    const std::size_t before = kyTest::countThreads();
+    const int ended = CountedEnd::s_count;
     gate.open();
-    EXPECT_TRUE(waitUntil([&] { return kyTest::countThreads() <= before - threads; }));
+    EXPECT_TRUE(waitUntil([&] { return CountedEnd::s_count == ended + decompressing; }));
     EXPECT_EQ(compressor->decompressed, decompressing);
     EXPECT_TRUE(ending.isBlocked());
     childGate.open();
@@ -609,6 +622,26 @@ TEST(kyNetDecompressReceiver, endWakesThreadsThatWaitInRealLinks)
     EXPECT_EQ(failureOf(*receiver), "Connection closed");
     EXPECT_TRUE(endsAtOnce(receiver));
     EXPECT_THROW(near->checkAlive(), kyConnectionClosed);
+}
+
+TEST(kyNetDecompressReceiver, endNeedsNoMemory)
+{
+    const auto [near, far] = kyTest::makeLinks();
+    const auto [otherNear, otherFar] = kyTest::makeLinks();
+    Gate gate;
+    const auto compressor = std::make_shared<ZCompressor>();
+    compressor->onDecompress = [&](const std::string&) { gate.wait(); };
+    const Children children{kyNetLinkReceiver::create(near), kyNetLinkReceiver::create(otherNear)};
+    auto receiver = kyNetDecompressReceiver::create(compressor, children);
+    for (int i = 0; i < 100; ++i) {
+        far->send(makeCompressed("za"));
+    }
+    far->send(makeBuffer("all have come"));
+    EXPECT_EQ(recvFrom(*receiver), "all have come");
+    gate.open();
+    const kyTest::NoMemoryAfter noMemory(0);
+    receiver.reset();
+    EXPECT_FALSE(noMemory.hasFailed());
 }
 
 TEST(kyNetDecompressReceiver, endWithManyLinksWaitsForASlowCompressorOnly)
