@@ -49,12 +49,14 @@ bool isActive(const kyNetServerProcess& server)
 void handOver(kyNetServerProcess& server, kySocketLink& link)
 {
     for (;;) {
+        // Asked first: what a server did before its end is seen by the attempt that follows.
+        const bool isRunning = server.isRunning();
         try {
             server.sendSocket(link, s_handOverSlice);
             return;
         } catch (const kyConnectionTimeout&) {
             QCoreApplication::processEvents();
-            if (!server.isRunning()) {
+            if (!isRunning) {
                 throw kyNetError("Failed to connect started server");
             }
             // Who wants to stop the server needs its pipe, too.

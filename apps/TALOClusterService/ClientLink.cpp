@@ -73,10 +73,10 @@ void ClientLink::sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffe
     kySocketLink::sendMany(buffers);
 }
 
-ClientLink::Clock::duration ClientLink::getWait() const
+ClientLink::Clock::duration ClientLink::getWait(Clock::time_point now) const
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    return isWaiting() ? m_waited + (Clock::now() - m_waitBegin) : Clock::duration::zero();
+    return isWaiting() ? m_waited + (now - m_waitBegin) : Clock::duration::zero();
 }
 
 void ClientLink::dropIfWaiting()

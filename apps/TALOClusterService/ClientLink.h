@@ -38,8 +38,8 @@ public:
     void send(const std::shared_ptr<kyNetBuffer>& buffer) override;
     void sendMany(const std::vector<std::shared_ptr<kyNetBuffer>>& buffers) override;
 
-    /// How long the client was waited for altogether; zero while it is not waited for.
-    Clock::duration getWait() const;
+    /// How long the client was waited for altogether until now; zero while it is not waited for.
+    Clock::duration getWait(Clock::time_point now = Clock::now()) const;
 
     /// Shuts the connection down if the client is waited for right now. From any thread.
     void dropIfWaiting();

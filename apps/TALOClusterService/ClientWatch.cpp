@@ -64,8 +64,10 @@ void ClientWatch::watch()
 void ClientWatch::dropOverdue() const
 {
     std::vector<std::pair<ClientLink::Clock::duration, ClientLink*>> waiting;
+    // One moment for all, or the order in which they are asked would count, too.
+    const ClientLink::Clock::time_point now = ClientLink::Clock::now();
     for (const auto& client : m_clients) {
-        const ClientLink::Clock::duration wait = client->getWait();
+        const ClientLink::Clock::duration wait = client->getWait(now);
         if (wait > m_limit) {
             client->dropIfWaiting();
         } else if (wait > ClientLink::Clock::duration::zero()) {
