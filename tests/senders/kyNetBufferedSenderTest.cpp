@@ -29,6 +29,7 @@
 #include <tests/support/kyTestBlocked.h>
 #include <tests/support/kyTestChains.h>
 #include <tests/support/kyTestMemory.h>
+#include <tests/support/kyTestSlowness.h>
 #include <tests/support/kyTestSystem.h>
 #include <tests/support/kyTestThreads.h>
 #include <tests/support/kyTestWait.h>
@@ -800,7 +801,7 @@ TEST(kyNetBufferedSender, endAfterAFailureTakesNoTime)
     }
     EXPECT_NE(thrownBy([&] { sender->waitAllDataTransfered(); }), nullptr);
     auto end = std::async(std::launch::async, [&] { sender.reset(); });
-    EXPECT_EQ(end.wait_for(1s), std::future_status::ready);
+    EXPECT_EQ(end.wait_for(kyTest::s_moment), std::future_status::ready);
 }
 
 // A peer that never reads holds the worker inside its link until the link is shut down.
@@ -818,7 +819,7 @@ TEST(kyNetBufferedSender, shutdownWakesWorkersAndCallers)
     EXPECT_THROW(blocked.finish(), kyConnectionClosed);
     EXPECT_THROW(sender->waitAllDataTransfered(), kyConnectionClosed);
     auto end = std::async(std::launch::async, [&] { sender.reset(); });
-    EXPECT_EQ(end.wait_for(1s), std::future_status::ready);
+    EXPECT_EQ(end.wait_for(kyTest::s_moment), std::future_status::ready);
 }
 
 TEST(kyNetBufferedSender, shutdownOfTheLinkEndsADestructionThatWaits)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -170,7 +171,7 @@ public:
     std::vector<Buffer> sent;
     std::vector<std::size_t> sentTogether;
     std::queue<Buffer> given;
-    bool isShutDown = false;
+    std::atomic<bool> isShutDown{false};
 };
 
 /// Two links over one TCP connection.

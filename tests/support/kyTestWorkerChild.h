@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -124,8 +125,8 @@ public:
         m_sent.clear();
     }
 
-    int resets = 0;
-    int waits = 0;
+    std::atomic<int> resets{0};
+    std::atomic<int> waits{0};
 
 private:
     void setHeld(bool isHeld)

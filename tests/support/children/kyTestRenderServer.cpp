@@ -95,9 +95,10 @@ void neverAnswer()
 {
     kyTest::RawPipe pipe = kyTest::RawPipe::connect(pipeName());
     pipe.send(kyTest::pipeBytes(kyPlatform::getProcessId()).substr(0, 4));
-    pipe.receive(sizeof(std::uint64_t));
-    std::cout << "deaf" << std::endl;
-    lingerOn();
+    if (pipe.receive(sizeof(std::uint64_t)).size() == sizeof(std::uint64_t)) {
+        std::cout << "deaf" << std::endl;
+        lingerOn();
+    }
 }
 
 void takeClients(const std::string& name)
