@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <NetBase/buffers/kyNetOptions.h>
 #include <tests/support/kyTestPolling.h>
 
 namespace {
