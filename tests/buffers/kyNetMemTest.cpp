@@ -78,11 +78,11 @@ TEST(kyNetMem, onePartForEveryEightHardwareThreads)
 // Intended: what is left when the parts are cut stays as it was.
 TEST(kyNetMem, lastBytesThatMakeNoPartAreNotCopied)
 {
-    EXPECT_EQ(copied(1000001, kyNetMemParts::count(16)), 1000000U);
-    EXPECT_EQ(copied(1000001, 3), 999999U);
-    EXPECT_EQ(copied(1000003, 8), 1000000U);
-    EXPECT_EQ(copied(1000007, 8), 1000000U);
-    EXPECT_EQ(copied(1000008, 8), 1000008U);
+    EXPECT_EQ(copied(10001, kyNetMemParts::count(16)), 10000U);
+    EXPECT_EQ(copied(10001, 3), 9999U);
+    EXPECT_EQ(copied(10003, 8), 10000U);
+    EXPECT_EQ(copied(10007, 8), 10000U);
+    EXPECT_EQ(copied(10008, 8), 10008U);
     EXPECT_EQ(copied(5, 8), 0U);
 }
 
@@ -94,7 +94,7 @@ TEST(kyNetMem, onePartCopiesEverything)
 
 TEST(kyNetMem, cancelledGroupDoesNotStopACopy)
 {
-    const std::string from = pattern(1000008);
+    const std::string from = pattern(10008);
     std::string to(from.size(), '\0');
     tbb::task_group_context context;
     tbb::parallel_for(
