@@ -26,10 +26,13 @@ constexpr int s_longestPoll = 200;
 constexpr int s_shortestPoll = 1;
 
 /// The sockets that this side has shut down and not closed yet. A poll that began before or begins
-/// later hears nothing of it from the system.
+/// later hears nothing of it from the system. There is room for more than threads can be inside at
+/// once, as those who shut down may have no memory.
 class ShutDownSockets
 {
 public:
+    ShutDownSockets() { m_sockets.reserve(4096); }
+
     void add(SOCKET socket)
     {
         const std::lock_guard<std::mutex> guard(m_lock);
@@ -281,6 +284,7 @@ WakeEvents* toEvents(std::uintptr_t event)
 
 bool start()
 {
+    shutDownSockets();
     WSADATA data{};
     const int code = ::WSAStartup(MAKEWORD(2, 2), &data);
     ::WSASetLastError(code);
